@@ -1,0 +1,23 @@
+# The program runs as root on hosts that nobody has seen: hardened, and in need of libc alone.
+set(optimised "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+add_compile_options(-fPIE -fstack-protector-strong)
+add_link_options(-pie -Wl,-z,relro,-z,now)
+if(NOT INSTALLER_SANITIZE) # whose checks see less behind the fortified calls
+  add_compile_options("$<${optimised}:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+endif()
+
+add_compile_options("$<$<CONFIG:Release>:-ffunction-sections;-fdata-sections>")
+add_link_options("$<$<CONFIG:Release>:-Wl,--gc-sections>")
+include(CheckIPOSupported)
+check_ipo_supported(RESULT lto_works OUTPUT lto_trouble LANGUAGES CXX)
+if(lto_works)
+  set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
+endif()
+
+# The C++ library comes along, libm goes where nothing calls it, and a release is stripped.
+function(needs_only_libc target)
+  if(NOT INSTALLER_SANITIZE) # their runtimes want the shared libraries
+    target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc -Wl,--as-needed
+                        "$<$<CONFIG:Release>:-s>")
+  endif()
+endfunction()

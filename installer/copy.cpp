@@ -1,0 +1,232 @@
+#include "installer/copy.h"
+
+#include "installer/log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+namespace installer {
+
+namespace {
+
+constexpr std::size_t LongestPiece = 8999;
+constexpr std::size_t LongestText = 9999;
+
+/// A required field of a command line: its name in the debug log and the error when it is missing.
+struct Slot {
+  Text copy_cmd::*field;
+  const char *name;
+  const char *missing;
+};
+constexpr Slot source_slot = {&copy_cmd::source, "source", "Missing copy source path"};
+constexpr Slot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard"};
+constexpr Slot dest_slot = {&copy_cmd::dest, "destination", "Missing copy destination path"};
+
+constexpr Slot tree_slots[] = {source_slot, not_slot, dest_slot};
+constexpr Slot pair_slots[] = {source_slot, dest_slot};
+constexpr Slot removal_slots[] = {source_slot, not_slot};
+constexpr Slot path_slots[] = {source_slot};
+
+struct Keyword {
+  const char *word;
+  CType type;
+  std::span<const Slot> slots;
+};
+constexpr Keyword keywords[] = {
+    {"CopyFile", CType::CpyFile, tree_slots   },
+    {"CopyDir",  CType::CpyDir,  tree_slots   },
+    {"MkDir",    CType::MkDir,   path_slots   },
+    {"Ini",      CType::CpyIni,  pair_slots   },
+    {"Rename",   CType::Rename,  pair_slots   },
+    {"RmFile",   CType::RmFile,  removal_slots},
+    {"RmDir",    CType::RmDir,   removal_slots},
+    {"Exist",    CType::Exist,   pair_slots   },
+    {"Chown",    CType::Chown,   tree_slots   },
+    {"Chmod",    CType::Chmod,   tree_slots   },
+    {"Error",    CType::Error,   path_slots   },
+    {"WFile",    CType::WFile,   pair_slots   },
+    {"RFile",    CType::RFile,   pair_slots   },
+};
+constexpr Keyword unknown_keyword = {nullptr, static_cast<CType>(0), tree_slots};
+
+const Keyword &read_keyword(const char *word) {
+  const Keyword *keyword = find_word(keywords, word, s_stricmp);
+  if (keyword == nullptr) cerror("Unknown copy type '%s'", word);
+  return keyword != nullptr ? *keyword : unknown_keyword;
+}
+
+/// Takes the next word of the line as a field.
+const char *read_field(Text &field, const char *name, char **line) {
+  field = make_text(next_word(line));
+  dmsg("Copy line '%s' is [%s]", name, text_of(field));
+  return text_of(field);
+}
+
+/// False, with an error for each, when required fields are missing.
+bool read_slots(CCmd &command, std::span<const Slot> slots, char **line) {
+  bool complete = true;
+  for (const Slot &slot : slots) {
+    if (read_field(command.*slot.field, slot.name, line) != nullptr) continue;
+    cerror("%s", slot.missing);
+    complete = false;
+  }
+  return complete;
+}
+
+void read_control(CCmd &command, char **line) {
+  const char *rest = *line + std::strspn(*line, " \t");
+  if (*rest == '\0' || read_field(command.control, "control", line) == nullptr) return;
+  rest = *line + std::strspn(*line, " \t");
+  if (*rest != '\0') read_field(command.control_cmp, "control_cmp", line);
+}
+
+void load_command(pCopy x, char *line) {
+  dmsg("Process .cpy file line [%s]", line);
+  const char *word = next_word(&line);
+  if (word == nullptr) return;
+  const Keyword &keyword = read_keyword(word);
+  CCmd command;
+  command.type = keyword.type;
+  dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
+  if (!read_slots(command, keyword.slots, &line)) return;
+  if (command.type != CType::Error) {
+    read_control(command, &line);
+  } else {
+    if (*line != '\0') command.dest = line;
+    dmsg("Copy list error string is '%s'", text_of(command.dest));
+  }
+  x->list.push_back(std::move(command));
+  if (x->ini != nullptr) copy_processpaths(x, static_cast<std::int32_t>(x->count));
+  ++x->count;
+}
+
+const char *field(pCopy x, std::uint32_t index, Text copy_cmd::*member) {
+  return index < copy_count(x) ? text_of(x->list[index].*member) : nullptr;
+}
+
+/// The directory part of an operand.
+char *path_part(const char *operand, char *buffer, std::size_t bfsz) {
+  if (operand == nullptr || buffer == nullptr) return nullptr;
+  const char *separator = last_separator(operand);
+  if (separator == nullptr) {
+    currentdir(buffer, bfsz);
+    return buffer;
+  }
+  const auto length = static_cast<std::size_t>(separator + 1 - operand);
+  scpy(buffer, operand, std::min(length + 1, bfsz));
+  return buffer;
+}
+
+} // namespace
+
+pCopy copy_init(Ini ini) {
+  auto *x = new copy;
+  x->ini = ini;
+  return x;
+}
+
+void copy_free(pCopy *x) { drop(x); }
+
+void copy_setup(pCopy /*x*/, FileCallback xok, FileCallback xfail) { file_setup_fn(xok, xfail); }
+
+int copy_load(pCopy x, const char *file, const char *section) {
+  if (x == nullptr || file == nullptr || section == nullptr) return 0;
+  x->list.clear();
+  x->count = 0;
+  Lines lines{file};
+  if (!lines) {
+    cerror("Error opening '%s'", file);
+    return 0;
+  }
+  errno = 0;
+  const bool found = lines.enter(section);
+  if (found)
+    for (char *line : lines) load_command(x, line);
+  if (lines.failed()) {
+    cerror("Error reading '%s'", file);
+    return 0;
+  }
+  return found ? 1 : 0;
+}
+
+std::uint32_t copy_count(pCopy x) { return x ? x->count : 0; }
+
+const char *copy_src(pCopy x, std::uint32_t index) { return field(x, index, &copy_cmd::source); }
+
+const char *copy_dst(pCopy x, std::uint32_t index) { return field(x, index, &copy_cmd::dest); }
+
+const char *copy_not(pCopy x, std::uint32_t index) { return field(x, index, &copy_cmd::not_); }
+
+const char *copy_control(pCopy x, std::uint32_t index) {
+  return field(x, index, &copy_cmd::control);
+}
+
+const char *copy_control_cmp(pCopy x, std::uint32_t index) {
+  return field(x, index, &copy_cmd::control_cmp);
+}
+
+char *copy_src_path(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz) {
+  return path_part(copy_src(x, index), buffer, bfsz);
+}
+
+char *copy_src_file(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz) {
+  const char *operand = copy_src(x, index);
+  if (operand == nullptr || buffer == nullptr) return nullptr;
+  const char *separator = last_separator(operand);
+  const char *pattern = separator != nullptr ? separator + 1 : operand;
+  scpy(buffer, *pattern != '\0' || separator == nullptr ? pattern : "*", bfsz);
+  return buffer;
+}
+
+char *copy_dst_path(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz) {
+  return path_part(copy_dst(x, index), buffer, bfsz);
+}
+
+char *copy_dst_file(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz) {
+  const char *separator = last_separator(copy_dst(x, index));
+  if (separator == nullptr || separator[1] == '\0' || buffer == nullptr) return nullptr;
+  scpy(buffer, separator + 1, bfsz);
+  return buffer;
+}
+
+Text replace_vars(pCopy x, const char *string, Text *emptied) {
+  if (x == nullptr || string == nullptr || std::strstr(string, "$(") == nullptr) return {};
+  std::string result;
+  const char *scan = string;
+  while (const char *opener = std::strstr(scan, "$(")) {
+    const char *close = std::strchr(opener, ')');
+    if (close == nullptr) break;
+    result.append(scan, opener);
+    const std::string name(opener + 2, close);
+    scan = close + 1;
+    const char *value = ini_value_name(x->ini, name.c_str());
+    if (value == nullptr) result.append(opener, scan);
+    else result.append(value, ::strnlen(value, LongestPiece));
+    if (value != nullptr && *value == '\0' && emptied != nullptr) *emptied = name;
+  }
+  result.append(scan, ::strnlen(scan, LongestPiece));
+  if (result.size() > LongestText) result.resize(LongestText);
+  return result;
+}
+
+void copy_processpaths(pCopy x, std::int32_t index) {
+  if (x == nullptr || index < 0 || static_cast<std::size_t>(index) >= x->list.size()) return;
+  CCmd &command = x->list[static_cast<std::size_t>(index)];
+  if (command.not_ == "-") command.not_.reset();
+  if (Text source = replace_vars(x, text_of(command.source), &command.empty_setting))
+    command.source = std::move(source);
+  if (Text dest = replace_vars(x, text_of(command.dest))) command.dest = std::move(dest);
+}
+
+void cerror(const char *format, ...) {
+  if (format == nullptr) return;
+  std::va_list arg;
+  va_start(arg, format);
+  Message message = make_message(format, arg);
+  va_end(arg);
+  if (errno != 0) add_system_text(message);
+  emsg("%s", message.text);
+}
+
+} // namespace installer

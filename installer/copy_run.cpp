@@ -1,0 +1,384 @@
+#include "installer/copy.h"
+
+#include "installer/log.h"
+
+#include <cstring>
+#include <new>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include <sys/stat.h>
+
+namespace installer {
+
+namespace {
+
+constexpr std::size_t TemplateLineSize = 3000;
+constexpr std::size_t OwnerSize = 1000;
+
+Text last_error;
+
+/// An operand split into a directory and a pattern.
+struct Operand {
+  char path[PathSize];
+  char file[PathSize];
+};
+
+/// A part that fills its buffer may have been cut, and a cut path is never used.
+bool fits(const char *operand, const Operand &parts) {
+  const char *separator = last_separator(operand);
+  const char *pattern = separator != nullptr ? separator + 1 : operand;
+  const auto length = static_cast<std::size_t>(pattern - operand);
+  if (length < sizeof parts.path && std::strlen(pattern) < sizeof parts.file) return true;
+  errno = ENAMETOOLONG;
+  cerror("Path too long in '%s'", operand);
+  return false;
+}
+
+bool split_source(pCopy x, std::uint32_t index, Operand &source) {
+  if (copy_src_path(x, index, source.path, sizeof source.path) == nullptr) return false;
+  copy_src_file(x, index, source.file, sizeof source.file);
+  return fits(copy_src(x, index), source);
+}
+
+bool same_file(const char *a, const char *b) {
+  struct ::stat info_a = {};
+  struct ::stat info_b = {};
+  return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && info_a.st_dev == info_b.st_dev &&
+         info_a.st_ino == info_b.st_ino;
+}
+
+/// Splits the source of a command that changes or removes what it finds. False, logged: it does not
+/// fit, or it reaches further than the packager can have meant.
+bool split_bounded_source(pCopy x, std::uint32_t index, Operand &source) {
+  if (!split_source(x, index, source)) return false;
+  const CCmd &command = x->list[index];
+  if (command.empty_setting) {
+    cerror("Setting '%s' is empty, nothing done for '%s'", text_of(command.empty_setting),
+           copy_src(x, index));
+    return false;
+  }
+  if (has_wildcard(source.file) && same_file(source.path, "/")) {
+    cerror("'%s' reaches all of the root directory, nothing done", copy_src(x, index));
+    return false;
+  }
+  return true;
+}
+
+// ---- Copying and removing ----
+
+bool excluded(File entry, const char *exclude) {
+  return wild_ilist(entry_name(*entry), exclude) != 0;
+}
+
+/// The directories that match the destination; empty also when it has no pattern.
+std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
+  std::vector<std::string> found;
+  Operand dest;
+  if (copy_dst_path(x, index, dest.path, sizeof dest.path) == nullptr) return found;
+  if (copy_dst_file(x, index, dest.file, sizeof dest.file) == nullptr) return found;
+  if (!fits(copy_dst(x, index), dest)) return found;
+  for (File entry : Entries{dest.path, dest.file})
+    if (is_dir(*entry) && !excluded(entry, copy_not(x, index))) found.emplace_back(entry->name);
+  return found;
+}
+
+int copy_into(pCopy x, std::uint32_t index, const Operand &source, const char *into,
+              std::uint64_t *bytes) {
+  const char *exclude = copy_not(x, index);
+  const bool trees = x->list[index].type == CType::CpyDir;
+  Entries entries{source.path, source.file, Walk::Copies};
+  if (!entries) imsg("No files found to copy in '%s' matching '%s'", source.path, source.file);
+  int count = 0;
+  for (File entry : entries) {
+    if (excluded(entry, exclude)) continue;
+    if (!is_dir(*entry)) count += file_copy_entry(entry, into, bytes);
+    else if (trees) count += file_xcopy_entry(entry, exclude, into, bytes);
+  }
+  return count;
+}
+
+// ---- Owners and modes ----
+
+/// The words of the debug lines.
+struct ChangeWords {
+  const char *verb;
+  const char *not_doing;
+  const char *doing;
+};
+constexpr ChangeWords chown_words = {"chown", "chown'ing", "chown'ing"};
+constexpr ChangeWords chmod_words = {"chmod", "chmod'ding", "chmod'ing"};
+
+void log_listing(const Entries &entries, const char *exclude, const ChangeWords &words) {
+  if (!entries) dmsg("No files found to %s", words.verb);
+  else if (exclude != nullptr) dmsg("Found files to %s, not doing '%s'", words.verb, exclude);
+  else dmsg("Found files to %s, doing all of them", words.verb);
+}
+
+template <class Change>
+int change_each(Entries entries, const char *exclude, const ChangeWords &words, Change change) {
+  log_listing(entries, exclude, words);
+  int count = 0;
+  for (File entry : entries) {
+    if (wild_ilist(entry->name, exclude) != 0) {
+      dmsg("Not %s '%s'", words.not_doing, entry->name);
+      continue;
+    }
+    if (is_dir(*entry)) count += change_each(Entries{*entry}, exclude, words, change);
+    if (change(entry) == 0) {
+      dmsg("file_%s failed", words.verb);
+      break;
+    }
+    ++count;
+  }
+  dmsg("Finished %s, %d files done", words.doing, count);
+  return count;
+}
+
+// ---- Settings files ----
+
+/// Writes one template line: expanded and without its indentation when it holds a reference, else
+/// as it stands.
+bool write_template_line(pCopy x, char *piece, std::FILE *out) {
+  const char *trimmed = s_strtrm(piece);
+  const Text expanded = replace_vars(x, trimmed);
+  return std::fputs(expanded ? expanded->c_str() : piece, out) >= 0 && std::fputc('\n', out) >= 0;
+}
+
+/// Writes `piece` and all further lines of the template. 0, logged, when either file fails.
+int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
+                char (&piece)[TemplateLineSize], bool more) {
+  bool written = true;
+  while (more && written) {
+    written = write_template_line(x, piece, out.get());
+    more = std::fgets(piece, sizeof piece, in) != nullptr;
+  }
+  if (std::ferror(in) != 0) {
+    cerror("Error reading ini file '%s'", copy_src(x, index));
+    return 0;
+  }
+  if (finish(std::move(out))) return 1;
+  cerror("Error writing ini file '%s'", copy_dst(x, index));
+  return 0;
+}
+
+// ---- Running ----
+
+template <auto operation> int without_bytes(pCopy x, std::uint32_t index, std::uint64_t *) {
+  return operation(x, index);
+}
+
+struct Command {
+  CType type;
+  int (*run)(pCopy x, std::uint32_t index, std::uint64_t *bytes);
+};
+constexpr Command commands[] = {
+    {CType::CpyFile, copy_files                   },
+    {CType::CpyDir,  copy_files                   },
+    {CType::MkDir,   without_bytes<copy_mkdir>    },
+    {CType::CpyIni,  without_bytes<copy_write_ini>},
+    {CType::Rename,  without_bytes<copy_rename>   },
+    {CType::RmFile,  without_bytes<copy_remove>   },
+    {CType::RmDir,   without_bytes<copy_remove>   },
+    {CType::Exist,   without_bytes<copy_exist>    },
+    {CType::Chown,   without_bytes<copy_chown>    },
+    {CType::Chmod,   without_bytes<copy_chmod>    },
+    {CType::Error,   without_bytes<copy_seterror> },
+    {CType::WFile,   without_bytes<copy_wfile>    },
+    {CType::RFile,   without_bytes<copy_rfile>    },
+};
+
+bool gate_open(pCopy x, std::uint32_t index) {
+  const char *control = ini_value_name(x->ini, copy_control(x, index));
+  if (control == nullptr) return true;
+  const char *compare = ini_value_or_text(x->ini, copy_control_cmp(x, index));
+  return compare != nullptr ? s_stricmp(compare, control) == 0 : istrue(control) != 0;
+}
+
+int run_command(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
+  for (const Command &command : commands)
+    if (command.type == x->list[index].type) return command.run(x, index, bytes);
+  cerror("How did we get here!");
+  return 0;
+}
+
+int out_of_memory() {
+  errno = ENOMEM;
+  cerror("Command failed");
+  return 0;
+}
+
+} // namespace
+
+int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_on_fail) {
+  if (x == nullptr) return 0;
+  if (bytes != nullptr) *bytes = 0;
+  if (files != nullptr) *files = 0;
+  imsg("Processing copy script...");
+  for (std::uint32_t index = 0; index < copy_count(x); ++index) {
+    dmsg("Processing [%d:%s->%s,%s,%s,%s]", static_cast<int>(x->list[index].type),
+         or_empty(copy_src(x, index)), or_empty(copy_dst(x, index)), or_empty(copy_not(x, index)),
+         or_empty(copy_control(x, index)), or_empty(copy_control_cmp(x, index)));
+    // What an earlier command left in errno is no reason of this one's failure.
+    errno = 0;
+    const int result = copy_do(x, index, bytes);
+    if (result == 0 && stop_on_fail != 0) {
+      imsg("Stop on fail set, stopping...");
+      return 0;
+    }
+    if (result == 0) imsg("Stop on fail NOT set, continuing...");
+    else if (result != -1 && files != nullptr) *files += static_cast<std::uint64_t>(result);
+  }
+  imsg("Copy script completed successfully");
+  return 1;
+}
+
+int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
+  if (index >= copy_count(x)) return 0;
+  if (!gate_open(x, index)) {
+    dmsg("Doing nothing due to controlling setting");
+    return -1;
+  }
+  try {
+    return run_command(x, index, bytes);
+  } catch (const std::bad_alloc &) {
+    return out_of_memory();
+  } catch (const std::length_error &) {
+    return out_of_memory();
+  }
+}
+
+int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
+  Operand source;
+  if (!split_source(x, index, source)) return 0;
+  const std::vector<std::string> destinations = find_destinations(x, index);
+  if (destinations.empty()) {
+    cerror("No destination directories found");
+    return 0;
+  }
+  Filling filling;
+  for (const std::string &directory : destinations) filling.add(directory.c_str());
+  int count = 0;
+  for (const std::string &directory : destinations)
+    count += copy_into(x, index, source, directory.c_str(), bytes);
+  return count;
+}
+
+int copy_remove(pCopy x, std::uint32_t index) {
+  Operand source;
+  if (!split_bounded_source(x, index, source)) return 0;
+  const char *exclude = copy_not(x, index);
+  const bool trees = x->list[index].type == CType::RmDir;
+  int count = 0;
+  for (File entry : Entries{source.path, source.file}) {
+    if (excluded(entry, exclude)) continue;
+    if (!is_dir(*entry)) count += file_remove_entry(entry);
+    else if (trees) count += file_rmdir_entry(entry, exclude);
+  }
+  return count;
+}
+
+int copy_mkdir(pCopy x, std::uint32_t index) { return file_mkdir(copy_src(x, index), 1); }
+
+int copy_chown(pCopy x, std::uint32_t index) {
+  Operand source;
+  if (!split_bounded_source(x, index, source)) return 0;
+  char owner[OwnerSize] = "";
+  ini_replace(x->ini, copy_dst(x, index), owner, sizeof owner - 1);
+  char *colon = std::strchr(owner, ':');
+  const char *group = colon != nullptr ? colon + 1 : owner;
+  if (colon != nullptr) *colon = '\0';
+  const ::uid_t uid = file_getuid(owner);
+  dmsg("Found user id for '%s'=%d", owner, static_cast<int>(uid));
+  const ::gid_t gid = file_getgid(group);
+  dmsg("Found group id for '%s'=%d", group, static_cast<int>(gid));
+  return dochown(source.path, source.file, copy_not(x, index), uid, gid);
+}
+
+int copy_chmod(pCopy x, std::uint32_t index) {
+  Operand source;
+  if (!split_bounded_source(x, index, source)) return 0;
+  std::uint32_t mode = 0;
+  for (const char *c = or_empty(copy_dst(x, index)); *c != '\0'; ++c)
+    mode = mode * 8 + static_cast<std::uint32_t>(*c - '0');
+  return dochmod(source.path, source.file, copy_not(x, index), mode);
+}
+
+int dochown(const char *path, const char *file, const char *exclude, ::uid_t uid, ::gid_t gid) {
+  return change_each(Entries{path, file}, exclude, chown_words,
+                     [=](File entry) { return file_chown(entry, uid, gid); });
+}
+
+int dochmod(const char *path, const char *file, const char *exclude, ::mode_t mode) {
+  return change_each(Entries{path, file}, exclude, chmod_words,
+                     [=](File entry) { return file_chmod(entry, mode); });
+}
+
+int copy_write_ini(pCopy x, std::uint32_t index) {
+  const char *source = copy_src(x, index);
+  const char *dest = copy_dst(x, index);
+  const Stream in{s_fopen(source, "r")};
+  char piece[TemplateLineSize];
+  // The first line is read before the target is emptied.
+  const bool more = in && std::fgets(piece, sizeof piece, in.get()) != nullptr;
+  if (!in || std::ferror(in.get()) != 0) {
+    if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
+    return 0;
+  }
+  const bool onto_itself = same_file(source, dest);
+  Stream out{onto_itself ? nullptr : s_fopen(dest, "w")};
+  if (!out) {
+    if (onto_itself) errno = EINVAL;
+    cerror("Error creating ini file '%s'", dest);
+    return 0;
+  }
+  imsg("Writing INI file '%s' to '%s'", source, dest);
+  return write_lines(x, index, in.get(), std::move(out), piece, more);
+}
+
+int copy_rename(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
+  const char *source = or_empty(copy_src(x, index));
+  const char *dest = or_empty(copy_dst(x, index));
+  if (std::rename(source, dest) == 0) return 1;
+  cerror("Error renaming '%s'->'%s', %s", source, dest, std::strerror(errno));
+  return 0;
+}
+
+int copy_exist(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
+  const char *found = file_exist(copy_src(x, index)) != 0 ? "true" : "false";
+  ini_add_name(x->ini, copy_dst(x, index), found);
+  return 1;
+}
+
+int copy_seterror(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
+  if (isfalse(ini_value_name(x->ini, copy_src(x, index))) == 0) return 1;
+  last_error = x->list[index].dest;
+  return 0;
+}
+
+int copy_wfile(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
+  const char *file = copy_src(x, index);
+  if (write_text(file, or_empty(ini_value_or_text(x->ini, copy_dst(x, index)))) != 0) return 1;
+  cerror("Failed to write (%s)", file);
+  return 0;
+}
+
+int copy_rfile(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
+  std::string text;
+  if (read_text(copy_src(x, index), text) == 0) {
+    cerror("Failed to read (%s)", copy_src(x, index));
+    return 0;
+  }
+  if (!text.empty()) ini_add_name(x->ini, copy_dst(x, index), text.c_str());
+  return 1;
+}
+
+const char *copy_error() { return or_empty(text_of(last_error)); }
+
+} // namespace installer

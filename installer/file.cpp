@@ -1,0 +1,501 @@
+#include "installer/file.h"
+
+#include "installer/log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+namespace installer {
+
+/// A path, and how to reach what it names: `name` relative to the open directory `dir`.
+struct Place {
+  const char *path;
+  const char *name;
+  int dir = AT_FDCWD;
+  bool regular = false; // a listing said so
+  bool follow = true;   // a directory may be reached through a link
+};
+
+namespace {
+
+constexpr std::size_t ChunkSize = 8192;
+/// What one write takes: many chunks, for a system call costs as much as copying several of them.
+constexpr std::size_t BlockSize = 16 * ChunkSize;
+constexpr ::mode_t DirectoryPermissions = 0775;
+constexpr ::mode_t PermissionBits = 07777;
+constexpr const char *AnySeparator = "/\\";
+constexpr const char *TrueSeparator = "/";
+
+FileCallback ok = nullptr;
+FileCallback fail = nullptr;
+
+/// Identity of a directory.
+struct Id {
+  ::dev_t device;
+  ::ino_t inode;
+};
+std::vector<Id> filled;
+int fillings = 0;
+
+void call(FileCallback callback, const char *src, const char *dst, int mode) {
+  if (callback != nullptr) callback(src, dst, mode);
+}
+
+Place by_path(const char *path) { return {path, path}; }
+
+Place by_entry(const file &x) {
+  return {x.name, x.name + x.entry, x.dir, S_ISREG(x.info.st_mode), false};
+}
+
+bool same_inode(const struct ::stat &a, const struct ::stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// ---- Enumeration ----
+
+bool open_handle(xfilehandle &h, const Place &place, const char *wild) {
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (place.follow ? 0 : O_NOFOLLOW);
+  Descriptor fd{::openat(place.dir, place.name, flags)};
+  if (fd) h.handle.reset(::fdopendir(fd.get()));
+  if (!h.handle) {
+    file_error("Error opening dir '%s'", place.path);
+    return false;
+  }
+  fd.release();
+  h.path = place.path;
+  h.wild = wild;
+  h.literal = !has_wildcard(wild);
+  return true;
+}
+
+void report_unlisted(const xfilehandle &h, const char *name) {
+  if (h.report) call(fail, name, nullptr, 1);
+}
+
+/// The next name that may match, with its type if the listing knows it; null at the end.
+const char *next_name(xfilehandle &h, ::mode_t &type) {
+  type = 0;
+  if (h.literal) {
+    if (h.done || h.wild.find(Sep) != std::string::npos) return nullptr;
+    h.done = true;
+    return h.wild.c_str();
+  }
+  errno = 0;
+  const struct ::dirent *listed = ::readdir(h.handle.get());
+  if (listed != nullptr) {
+    type = static_cast<::mode_t>(DTTOIF(listed->d_type));
+    return listed->d_name;
+  }
+  if (errno != 0) {
+    file_error("Error reading dir '%s'", h.path.c_str());
+    report_unlisted(h, h.path.c_str());
+  }
+  return nullptr;
+}
+
+/// Fills `x` from the entry `name`. False: it is not there (any more) or its path does not fit.
+bool take_entry(file &x, const xfilehandle &h, const char *name, ::mode_t type) {
+  file found;
+  found.dir = ::dirfd(h.handle.get());
+  found.info.st_mode = type;
+  if (type == 0 && ::fstatat(found.dir, name, &found.info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (join_path(found.name, sizeof found.name, h.path.c_str(), name) == 0) {
+    file_error("Error listing '%s' in '%s'", name, h.path.c_str());
+    report_unlisted(h, name);
+    return false;
+  }
+  found.entry = static_cast<std::uint32_t>(std::strlen(found.name) - std::strlen(name));
+  if (h.status && file_stat(&found) == 0) return false;
+  x = std::move(found);
+  return true;
+}
+
+bool is_dots(const char *name) {
+  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// ---- Copying ----
+
+Descriptor open_source(const Place &src) {
+  if (!src.regular) return open_file(src.dir, src.name, O_RDONLY, Allow::Plain);
+  // No status call for what the listing called a regular file; should it have been replaced since,
+  // these flags neither block nor follow.
+  const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+  return Descriptor{::openat(src.dir, src.name, flags)};
+}
+
+bool names_open_file(const char *path, int fd) {
+  struct ::stat open_info = {};
+  struct ::stat path_info = {};
+  return ::fstat(fd, &open_info) == 0 && ::stat(path, &path_info) == 0 &&
+         same_inode(open_info, path_info);
+}
+
+/// Reads chunks until the block is full or the file ends. The bytes read, or -1.
+::ssize_t fill_block(int fd, char *block) {
+  std::size_t used = 0;
+  while (used < BlockSize) {
+    const ::ssize_t count = ::read(fd, block + used, std::min(ChunkSize, BlockSize - used));
+    if (count < 0) return -1;
+    if (count == 0) break;
+    used += static_cast<std::size_t>(count);
+  }
+  return static_cast<::ssize_t>(used);
+}
+
+bool write_block(int fd, const char *block, std::size_t size) {
+  while (size > 0) {
+    const ::ssize_t count = ::write(fd, block, size);
+    if (count <= 0) return false;
+    block += count;
+    size -= static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+int failed_copy(const char *path, bool reading) {
+  if (reading) file_error("Error reading from '%s'", path);
+  else file_error("Error writing to '%s'", path);
+  return 0;
+}
+
+/// Writes the first block and all that follow.
+int copy_blocks(const Place &src, const Descriptor &in, const char *dst, Descriptor &out,
+                char *block, ::ssize_t count, std::uint64_t *bytes) {
+  while (count > 0) {
+    const auto size = static_cast<std::size_t>(count);
+    if (!write_block(out.get(), block, size)) return failed_copy(dst, false);
+    if (bytes != nullptr) *bytes += size;
+    if (size < BlockSize) break;
+    count = fill_block(in.get(), block);
+  }
+  if (count < 0) return failed_copy(src.path, true);
+  return out.close() ? 1 : failed_copy(dst, false);
+}
+
+int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
+  const Descriptor in = open_source(src);
+  if (!in) {
+    file_error("Error opening '%s' for read", src.path);
+    return 0;
+  }
+  char block[BlockSize];
+  const ::ssize_t count = fill_block(in.get(), block);
+  if (count < 0) return failed_copy(src.path, true);
+  // A new file is the usual case; only an existing one can be the source itself.
+  Descriptor out{::open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)};
+  if (!out && errno == EEXIST) {
+    if (names_open_file(dst, in.get())) {
+      imsg("'%s' and '%s' are the same file, nothing to copy", src.path, dst);
+      return 1;
+    }
+    out = open_file(AT_FDCWD, dst, O_WRONLY | O_CREAT | O_TRUNC, Allow::Target);
+  }
+  if (!out) {
+    file_error("Error opening '%s' for write", dst);
+    return 0;
+  }
+  return copy_blocks(src, in, dst, out, block, count, bytes);
+}
+
+int copy_file(const Place &src, const char *dst, std::uint64_t *bytes) {
+  errno = 0;
+  const int copied = copy_contents(src, dst, bytes);
+  if (copied != 0) errno = 0;
+  call(copied != 0 ? ok : fail, src.path, dst, 1);
+  return copied;
+}
+
+/// The path of the entry in the directory `into`. 0, reported as a failed copy, when it does not
+/// fit.
+int target_path(const file &x, const char *into, char (&target)[PathSize]) {
+  if (join_path(target, sizeof target, into, entry_name(x)) != 0) return 1;
+  file_error("Error copying '%s' into '%s'", x.name, into);
+  call(fail, x.name, into, 1);
+  return 0;
+}
+
+void note_filled(const char *directory) {
+  const KeepErrno keep;
+  struct ::stat info = {};
+  if (::stat(directory, &info) == 0) filled.push_back({info.st_dev, info.st_ino});
+}
+
+bool is_filled(const file &x) {
+  struct ::stat info = {};
+  if (::fstatat(x.dir, x.name + x.entry, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return std::any_of(filled.begin(), filled.end(), [&info](const Id &id) {
+    return id.device == info.st_dev && id.inode == info.st_ino;
+  });
+}
+
+/// Creates one level.
+bool make_level(const char *path) {
+  if (::mkdir(path, DirectoryPermissions) != 0) return false;
+  dmsg("Directory created '%s'", path);
+  if (fillings > 0) note_filled(path);
+  call(ok, path, nullptr, 1);
+  return true;
+}
+
+int failed_directory(const char *path) {
+  file_error("Error creating directory '%s'", path);
+  call(fail, path, nullptr, 1);
+  return 0;
+}
+
+/// file_mkdir with the characters that separate components: the name of an existing entry may
+/// hold a "\\".
+int make_directory(const char *dir, bool make_all, const char *separators) {
+  if (dir == nullptr) return 0;
+  char path[PathSize];
+  const std::size_t length = scpy(path, dir, sizeof path);
+  if (dir[length] != '\0') {
+    errno = ENAMETOOLONG;
+    return failed_directory(dir);
+  }
+  if (length > 1 && std::strchr(separators, path[length - 1])) path[length - 1] = '\0';
+  errno = 0;
+  bool created = false;
+  const std::size_t first = length > 1 && path[1] == ':' ? 3 : 1;
+  for (std::size_t i = first; make_all && i < std::strlen(path); ++i) {
+    if (!std::strchr(separators, path[i])) continue;
+    path[i] = '\0';
+    created = make_level(path) || created;
+    path[i] = Sep;
+  }
+  if (!make_level(path) && !created && errno != EEXIST) return failed_directory(path);
+  errno = 0;
+  return 1;
+}
+
+int copy_tree(const Place &src, const char *wild, const char *exclude, const char *dst,
+              bool recurse, std::uint64_t *bytes);
+
+int copy_directory(const file &x, const char *exclude, const char *into, bool recurse,
+                   std::uint64_t *bytes) {
+  if (recurse && is_filled(x)) {
+    imsg("'%s' is being copied to, not copied", x.name);
+    return 0;
+  }
+  char target[PathSize];
+  if (target_path(x, into, target) == 0) return 0;
+  if (!recurse) return make_directory(target, true, TrueSeparator);
+  return copy_tree(by_entry(x), "*", exclude, target, true, bytes);
+}
+
+int copy_tree(const Place &src, const char *wild, const char *exclude, const char *dst,
+              bool recurse, std::uint64_t *bytes) {
+  Filling filling;
+  int count = 0;
+  if (file_exist(dst) == 0) {
+    if (make_directory(dst, true, TrueSeparator) == 0) return 0;
+    count = 1;
+  }
+  filling.add(dst);
+  for (File entry : Entries{src, wild, Walk::Copies}) {
+    if (wild_list(entry_name(*entry), exclude) != 0) continue;
+    if (is_dir(*entry)) count += copy_directory(*entry, exclude, dst, recurse, bytes);
+    else count += file_copy_entry(entry, dst, bytes);
+  }
+  return count;
+}
+
+// ---- Removal ----
+
+int remove_tree(const Place &dir, const char *exclude, bool recurse);
+
+int remove_listed(const file &x, const char *exclude) {
+  const int removed = is_dir(x) ? remove_tree(by_entry(x), exclude, true)
+                                : static_cast<int>(::unlinkat(x.dir, entry_name(x), 0) == 0);
+  call(removed != 0 ? ok : fail, x.name, nullptr, 0);
+  return removed;
+}
+
+int remove_tree(const Place &dir, const char *exclude, bool recurse) {
+  int count = 0;
+  if (recurse) {
+    for (File entry : Entries{dir, "*", Walk::Types})
+      if (wild_list(entry_name(*entry), exclude) == 0) count += remove_listed(*entry, exclude);
+  }
+  const bool removed = ::unlinkat(dir.dir, dir.name, AT_REMOVEDIR) == 0;
+  call(removed ? ok : fail, dir.path, nullptr, 0);
+  return count + static_cast<int>(removed);
+}
+
+} // namespace
+
+void file_setup_fn(FileCallback xok, FileCallback xfail) {
+  ok = xok;
+  fail = xfail;
+}
+
+void file_error(const char *format, ...) {
+  if (format == nullptr) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  const Message message = make_message(format, arg);
+  va_end(arg);
+  emsg("%s, %s", message.text, std::strerror(errno));
+}
+
+File file_first(FHandle *h, const char *path, const char *wild) {
+  if (h == nullptr || path == nullptr || wild == nullptr) return nullptr;
+  *h = new xfilehandle;
+  File x = new file;
+  if (open_handle(**h, by_path(path), wild) && file_next(x, *h) == 1) return x;
+  file_free(&x);
+  file_last(h);
+  return nullptr;
+}
+
+int file_next(File x, FHandle h) {
+  if (x == nullptr || h == nullptr || !h->handle) return 0;
+  ::mode_t type = 0;
+  while (const char *name = next_name(*h, type)) {
+    if (is_dots(name) || wild_match(name, h->wild.c_str()) == 0) continue;
+    if (take_entry(*x, *h, name, type)) return 1;
+  }
+  return 0;
+}
+
+void file_last(FHandle *h) { drop(h); }
+
+void file_free(File *x) { drop(x); }
+
+int file_stat(File x) {
+  if (x == nullptr) return 0;
+  x->link.reset();
+  if (::fstatat(x->dir, x->name + x->entry, &x->info, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+  if (!S_ISLNK(x->info.st_mode)) return 1;
+  char text[PathSize];
+  const ::ssize_t count = ::readlinkat(x->dir, x->name + x->entry, text, sizeof text - 1);
+  if (count < 0) file_error("Error reading symlink '%s'", x->name);
+  x->link = count < 0 ? "READLINK FAILED" : std::string(text, static_cast<std::size_t>(count));
+  return 1;
+}
+
+const char *file_name(File x) { return x ? x->name : nullptr; }
+
+char *file_filename(File x, char *buffer, std::size_t bfsz) {
+  if (x == nullptr) return nullptr;
+  scpy(buffer, entry_name(*x), bfsz);
+  return buffer;
+}
+
+const char *entry_name(const file &x) {
+  if (x.entry != 0) return x.name + x.entry;
+  const char *separator = last_separator(x.name);
+  return separator != nullptr ? separator + 1 : x.name;
+}
+
+bool is_dir(const file &x) { return S_ISDIR(x.info.st_mode); }
+
+Entries::Entries(const Place &place, const char *wild, Walk walk) {
+  handle_.status = false;
+  handle_.report = walk == Walk::Copies;
+  more_ = open_handle(handle_, place, wild) && file_next(&entry_, &handle_) == 1;
+}
+
+Entries::Entries(const char *path, const char *wild, Walk walk)
+    : Entries(by_path(path), wild, walk) {}
+
+Entries::Entries(const file &directory, Walk walk) : Entries(by_entry(directory), "*", walk) {}
+
+int file_copy(const char *src, const char *dst, int overwrite, std::uint64_t *bytes) {
+  errno = 0;
+  if (src == nullptr || dst == nullptr) {
+    call(fail, src, dst, 1);
+    return 0;
+  }
+  struct ::stat info = {};
+  if (overwrite == 0 && ::stat(dst, &info) == 0) return -1;
+  return copy_file(by_path(src), dst, bytes);
+}
+
+int file_xcopy(const char *path, const char *wild, const char *exclude, const char *dst,
+               int recurse, std::uint64_t *bytes) {
+  if (path == nullptr || dst == nullptr) return 0;
+  return copy_tree(by_path(path), wild ? wild : "*", exclude, dst, recurse != 0, bytes);
+}
+
+int file_copy_entry(File entry, const char *into, std::uint64_t *bytes) {
+  char target[PathSize];
+  if (target_path(*entry, into, target) == 0) return 0;
+  return copy_file(by_entry(*entry), target, bytes);
+}
+
+int file_xcopy_entry(File entry, const char *exclude, const char *into, std::uint64_t *bytes) {
+  return copy_directory(*entry, exclude, into, true, bytes);
+}
+
+Filling::Filling() : before_(filled.size()) { ++fillings; }
+
+Filling::~Filling() {
+  --fillings;
+  filled.resize(before_);
+}
+
+void Filling::add(const char *directory) { note_filled(directory); }
+
+int file_exist(const char *file) {
+  if (file == nullptr) return 0;
+  struct ::stat info = {};
+  if (::stat(file, &info) != 0) {
+    dmsg("'%s' does not exist", file);
+    return 0;
+  }
+  const bool directory = S_ISDIR(info.st_mode);
+  dmsg("'%s' exists and is a %s", file, directory ? "directory" : "file");
+  return directory ? 2 : 1;
+}
+
+int file_mkdir(const char *dir, int make_all) {
+  return make_directory(dir, make_all != 0, AnySeparator);
+}
+
+int file_rmdir(const char *dir, const char *exclude, int recurse) {
+  return dir != nullptr ? remove_tree(by_path(dir), exclude, recurse != 0) : 0;
+}
+
+int file_rmdir_entry(File entry, const char *exclude) {
+  return remove_tree(by_entry(*entry), exclude, true);
+}
+
+int file_remove_entry(File entry) {
+  return ::unlinkat(entry->dir, entry_name(*entry), 0) == 0 ? 1 : 0;
+}
+
+::uid_t file_getuid(const char *name) {
+  const struct ::passwd *user = name ? ::getpwnam(name) : nullptr;
+  return user ? user->pw_uid : static_cast<::uid_t>(-1);
+}
+
+::gid_t file_getgid(const char *name) {
+  const struct ::group *group = name ? ::getgrnam(name) : nullptr;
+  return group ? group->gr_gid : static_cast<::gid_t>(-1);
+}
+
+int file_chmod(File x, ::mode_t mode) {
+  if (x == nullptr) return 0;
+  if (::fchmodat(x->dir, x->name + x->entry, mode & PermissionBits, 0) == 0) return 1;
+  file_error("Error changing mode of '%s' to %d", x->name, static_cast<int>(mode));
+  return 0;
+}
+
+int file_chown(File x, ::uid_t uid, ::gid_t gid) {
+  if (x == nullptr || uid == static_cast<::uid_t>(-1)) return 0;
+  if (gid == static_cast<::gid_t>(-1)) gid = uid;
+  if (::fchownat(x->dir, x->name + x->entry, uid, gid, 0) == 0) return 1;
+  file_error("Error changing ownership of '%s' to uid=%d, gid=%d", x->name, static_cast<int>(uid),
+             static_cast<int>(gid));
+  return 0;
+}
+
+} // namespace installer

@@ -1,0 +1,250 @@
+#include "installer/ini.h"
+
+#include "installer/log.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace installer {
+
+namespace {
+
+constexpr std::int32_t TableStep = 5;
+constexpr int MostRewrites = 1000;
+constexpr std::size_t LongestPath = 4096;
+constexpr const char *Opener = "$(";
+constexpr std::size_t OpenerLength = 2;
+
+std::size_t at(std::int32_t index) { return static_cast<std::size_t>(index); }
+
+using Compare = int (*)(const char *, const char *);
+
+/// The first setting of that name, or -1. A table of settings holds tens of entries, and nearly
+/// all differ in the first character.
+std::int32_t find_setting(Ini x, const char *name) {
+  for (std::int32_t i = 0; i < x->items; ++i) {
+    const std::string &setting = *x->list[at(i)].setting;
+    if (setting.c_str()[0] == *name && setting == name) return i;
+  }
+  return -1;
+}
+
+std::int32_t find_setting_any_case(Ini x, const char *name) {
+  for (std::int32_t i = 0; i < x->items; ++i)
+    if (s_stricmp(text_of(x->list[at(i)].setting), name) == 0) return i;
+  return -1;
+}
+
+/// The value list keeps the copy that it is given.
+void insert_value(Linklist<std::string> values, const char *value) {
+  auto copy = std::make_unique<std::string>(value);
+  if (list_add(values, copy.get()) != 0) static_cast<void>(copy.release());
+}
+
+/// Appends a setting's item to the store's data; false when memory is out.
+bool add_item(Ini x, const char *value) {
+  auto item = std::make_unique<Item>();
+  if (value != nullptr) insert_value(item->values, value);
+  if (array_add(x->data, item.get()) == 0) return false;
+  static_cast<void>(item.release());
+  return true;
+}
+
+SettingMode new_mode(IniMode mode) {
+  const struct {
+    IniMode rule;
+    SettingMode flag;
+  } rows[] = {
+      {Ini_NewMulti, Ini_Multi},
+      {Ini_NewPass,  Ini_Pass },
+      {Ini_NewFixed, Ini_Fixed},
+      {Ini_NewEmpty, Ini_Empty},
+      {Ini_NewLock,  Ini_Lock },
+  };
+  SettingMode flags = Ini_None;
+  for (const auto &row : rows)
+    if (has(mode, row.rule)) flags = flags | row.flag;
+  return flags;
+}
+
+bool enlarge_table(Ini x) {
+  try {
+    // `size` grows in fixed steps; the memory behind it grows geometrically.
+    x->list.resize(at(x->size + TableStep));
+  } catch (const std::bad_alloc &) {
+    emsg("Memory allocation error");
+    return false;
+  }
+  x->size += TableStep;
+  return true;
+}
+
+int create_setting(Ini x, const char *name, const char *value) {
+  if (!has(x->mode, Ini_NewEmpty) && *value == '\0') return -1;
+  if (x->size == x->items + 1 && !enlarge_table(x)) return 0;
+  if (!add_item(x, value)) return 0;
+  SettingList &entry = x->list[at(x->items)];
+  entry.setting = name;
+  entry.mode = new_mode(x->mode);
+  dmsg("Ini setting '%s' created and set to '%s'", name, value);
+  ++x->items;
+  return 1;
+}
+
+int do_add(Ini x, std::int32_t index, const char *value) {
+  const SettingList &entry = x->list[at(index)];
+  if (has(x->mode, Ini_UseFixed) && has(entry.mode, Ini_Fixed)) {
+    dmsg("Ini value for '%s' not addded, value is fixed", text_of(entry.setting));
+    return -1;
+  }
+  if (*value == '\0' && has(x->mode, Ini_UseEmpty) && !has(entry.mode, Ini_Empty)) {
+    dmsg("Ini value for '%s' not added, value was empty", text_of(entry.setting));
+    return -1;
+  }
+  Linklist<std::string> values = x->data->slot(index)->values;
+  // The value may be the very text that is removed here, so the old one lives to the end.
+  std::unique_ptr<std::string> removed;
+  if (has(x->mode, Ini_UseMulti) && !has(entry.mode, Ini_Multi)) removed.reset(list_del(values));
+  insert_value(values, value);
+  dmsg("Ini value for '%s' set to '%s'", text_of(entry.setting), value);
+  return 1;
+}
+
+/// A "$(name)" in a text. `name` is cut at 999 characters; `closed`: a ")" stands behind it.
+struct Reference {
+  std::string name;
+  const char *end;
+  bool closed;
+};
+
+Reference read_reference(const char *opener) {
+  const char *name = opener + OpenerLength;
+  const std::size_t length = std::min(std::strcspn(name, ")"), LineSize - 1);
+  const char *end = name + length;
+  return {std::string(name, length), *end == '\0' ? end : end + 1, *end == ')'};
+}
+
+/// What a reference to setting `index` stands for while stored values are rewritten.
+const char *replacement(Ini x, std::int32_t index) {
+  return has(x->list[at(index)].mode, Ini_Replace) ? ini_value(x, index) : nullptr;
+}
+
+enum class Rewrite { Done, Changed, Stuck };
+
+/// Replaces the first reference in `value` that can be resolved, everywhere it stands.
+Rewrite rewrite_once(Ini x, std::string &value) {
+  const char *upto = value.c_str();
+  while ((upto = std::strstr(upto, Opener)) != nullptr) {
+    const Reference reference = read_reference(upto);
+    const std::int32_t index = find_setting_any_case(x, reference.name.c_str());
+    const std::string pattern = Opener + reference.name + ")";
+    if (index < 0 || !reference.closed || pattern.size() >= LineSize) {
+      ++upto;
+      continue;
+    }
+    const char *with = replacement(x, index);
+    char rewritten[LineSize];
+    sreplace(value.c_str(), pattern.c_str(), with, rewritten, sizeof rewritten);
+    dmsg("Replaced '%s' in '%s' with '%s' = '%s'", pattern.c_str(), value.c_str(), with, rewritten);
+    if (value == rewritten) return Rewrite::Stuck;
+    value = rewritten;
+    return Rewrite::Changed;
+  }
+  return Rewrite::Done;
+}
+
+void resolve(Ini x, std::int32_t index, std::string &value) {
+  Rewrite outcome = Rewrite::Changed;
+  for (int count = 0; outcome == Rewrite::Changed; ++count)
+    outcome = count < MostRewrites ? rewrite_once(x, value) : Rewrite::Stuck;
+  if (outcome == Rewrite::Stuck)
+    emsg("Setting '%s' refers back to itself, its value stays '%s'",
+         text_of(x->list[at(index)].setting), value.c_str());
+}
+
+} // namespace
+
+Ini ini_init() { return new ini; }
+
+void ini_free(Ini *x) { drop(x); }
+
+void ini_setup(Ini x, const SettingList *list, const void * /*assoc*/, int use_dflts) {
+  if (x == nullptr || list == nullptr) return;
+  std::int32_t count = 0;
+  while (list[count].setting) ++count;
+  x->list.assign(at(count + 1), SettingList{});
+  for (std::int32_t i = 0; i < count; ++i) {
+    x->list[at(i)].setting = list[i].setting;
+    x->list[at(i)].mode = list[i].mode;
+    if (!add_item(x, use_dflts != 0 ? text_of(list[i].dflt) : nullptr)) break;
+    dmsg("Ini setting '%s' setup", text_of(list[i].setting));
+    ++x->items;
+  }
+  x->size = count + 1;
+}
+
+const char *ini_value_name(Ini x, const char *label) {
+  if (x == nullptr || label == nullptr) return nullptr;
+  return ini_value(x, find_setting(x, label));
+}
+
+const char *ini_value(Ini x, std::int32_t index) {
+  if (x == nullptr || index < 0 || index >= x->items) return nullptr;
+  Linklist<std::string> values = x->data->slot(index)->values;
+  list_start(values);
+  const std::string *value = list_get(values);
+  return value != nullptr ? value->c_str() : nullptr;
+}
+
+const char *ini_value_or_text(Ini x, const char *text) {
+  const char *value = ini_value_name(x, text);
+  return value != nullptr ? value : text;
+}
+
+int ini_add_name(Ini x, const char *name, const char *value) {
+  if (x == nullptr || x->list.empty() || name == nullptr || value == nullptr) return 0;
+  const std::int32_t index = find_setting(x, name);
+  if (index >= 0) return do_add(x, index, value);
+  return has(x->mode, Ini_UseNew) ? create_setting(x, name, value) : 0;
+}
+
+void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz) {
+  if (x == nullptr || string == nullptr || result == nullptr || bfsz == 0) return;
+  const char *upto = string;
+  std::size_t index = 0;
+  while (const char *opener = std::strstr(upto, Opener)) {
+    const auto literal = static_cast<std::size_t>(opener - upto);
+    if (literal >= bfsz - index) break;
+    std::memcpy(result + index, upto, literal);
+    index += literal;
+    const Reference reference = read_reference(opener);
+    index += scpy(result + index, ini_value_name(x, reference.name.c_str()), bfsz - index);
+    upto = reference.end;
+  }
+  scpy(result + index, upto, bfsz - index);
+}
+
+int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz) {
+  char path[LongestPath];
+  *path = '\0';
+  ini_replace(x, string, path, sizeof path);
+  const bool fits = std::strlen(path) < bfsz;
+  scpy(result, fits ? path : "", bfsz);
+  if (!fits) errno = ENAMETOOLONG;
+  return fits ? 1 : 0;
+}
+
+int ini_process(Ini x) {
+  if (x == nullptr || x->list.empty()) return 0;
+  dmsg("Processing replacable settings...");
+  for (std::int32_t i = 0; i < x->items; ++i) {
+    for (auto *value = x->data->slot(i)->values->root->next; value != nullptr; value = value->next)
+      resolve(x, i, *value->data);
+  }
+  dmsg("Finished processing replacable settings");
+  return 1;
+}
+
+} // namespace installer

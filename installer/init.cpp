@@ -1,0 +1,177 @@
+#include "installer/init.h"
+
+#include "installer/file.h"
+#include "installer/log.h"
+
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <stdexcept>
+
+namespace installer {
+
+namespace {
+
+Text last_error;
+
+void log_failure(const char *doing, const char *path) {
+  emsg("Failed to %s (%s), %s", doing, path, std::strerror(errno));
+}
+
+void set_setting(Ini ini, const std::string &setting, const char *value) {
+  ini_add_name(ini, setting.c_str(), value);
+}
+
+void run_exist(Ini ini, const init_item &item, const char *path) {
+  set_setting(ini, item.b, file_exist(path) != 0 ? "true" : "false");
+}
+
+void run_copy(Ini ini, const init_item &item, const char * /*path*/) {
+  set_setting(ini, item.a, ini_value_or_text(ini, item.b.c_str()));
+}
+
+void run_http(Ini ini, const init_item &item, const char * /*path*/) {
+  char value[LineSize] = "";
+  char message[LineSize] = "";
+  const auto wanted = [&](IItemMode mode) { return item.mode == mode ? value : nullptr; };
+  if (init_find_http_conf(wanted(IHTTP_User), wanted(IHTTP_Group), wanted(IHTTP_Root),
+                          wanted(IHTTP_Scripts), message) != 0) {
+    set_setting(ini, item.a, value);
+    return;
+  }
+  std::printf("ERROR: %s\n", message);
+  set_setting(ini, item.b, "true");
+}
+
+void run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
+  const std::time_t now = std::time(nullptr);
+  const char *format = ini_value_name(ini, item.a.c_str());
+  if (format == nullptr) {
+    emsg("TimeDate '%s' is NULL", item.a.c_str());
+    return;
+  }
+  struct ::tm local = {};
+  char text[LineSize];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  const bool fits = ::localtime_r(&now, &local) != nullptr &&
+                    std::strftime(text, sizeof text, format, &local) > 0;
+#pragma GCC diagnostic pop
+  set_setting(ini, item.b, fits ? text : "");
+}
+
+void run_wfile(Ini ini, const init_item &item, const char *path) {
+  if (write_text(path, ini_value_or_text(ini, item.b.c_str())) == 0) log_failure("write", path);
+}
+
+void run_rfile(Ini ini, const init_item &item, const char *path) {
+  std::string text;
+  if (read_text(path, text) == 0) log_failure("read", path);
+  else if (!text.empty()) set_setting(ini, item.b, text.c_str());
+}
+
+/// `doing`: what the command does with the path in `a`, for its error line; null when `a` is none.
+struct Command {
+  const char *word;
+  IItemMode mode;
+  const char *doing;
+  void (*run)(Ini ini, const init_item &item, const char *path);
+};
+constexpr Command commands[] = {
+    {"Exist",        IExist,        "test",  run_exist    },
+    {"Copy",         ICopy,         nullptr, run_copy     },
+    {"HTTP_User",    IHTTP_User,    nullptr, run_http     },
+    {"HTTP_Group",   IHTTP_Group,   nullptr, run_http     },
+    {"HTTP_Root",    IHTTP_Root,    nullptr, run_http     },
+    {"HTTP_Scripts", IHTTP_Scripts, nullptr, run_http     },
+    {"TimeDate",     ITimeDate,     nullptr, run_time_date},
+    {"WFile",        IWFile,        "write", run_wfile    },
+    {"RFile",        IRFile,        "read",  run_rfile    },
+};
+
+const Command *find_mode(IItemMode mode) {
+  for (const Command &command : commands)
+    if (command.mode == mode) return &command;
+  return nullptr;
+}
+
+Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
+
+void load_item(Init x, char *line) {
+  const char *word = next_word(&line);
+  if (word == nullptr) return;
+  const Command *command = find_word(commands, word, s_strcmp);
+  if (command == nullptr) {
+    emsg("Unknown init command '%s'", word);
+    return;
+  }
+  const char *a = next_word(&line);
+  const char *b = next_word(&line);
+  const char *control = next_word(&line);
+  const char *compare = next_word(&line);
+  if (compare == nullptr) return;
+  auto item = std::make_unique<init_item>(
+      init_item{a, b, word_or_none(compare), word_or_none(control), command->mode});
+  if (array_add(x->list, item.get()) != 0) static_cast<void>(item.release());
+}
+
+bool gate_open(Ini ini, const init_item &item) {
+  if (!item.compare) return true;
+  return s_strcmp(text_of(item.compare), ini_value_or_text(ini, text_of(item.control))) == 0;
+}
+
+void run_item(Ini ini, const init_item &item) {
+  const Command *command = find_mode(item.mode);
+  if (command == nullptr || !gate_open(ini, item)) return;
+  char path[PathSize] = "";
+  if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0)
+    log_failure(command->doing, item.a.c_str());
+  else command->run(ini, item, path);
+}
+
+} // namespace
+
+Init init_init() { return new init_s; }
+
+void init_free(Init *x) { drop(x); }
+
+int init_load(Init x, const char *file) {
+  if (x == nullptr || file == nullptr) return 0;
+  Lines lines{file};
+  if (lines)
+    for (char *line : lines) load_item(x, line);
+  if (lines && !lines.failed()) return 1;
+  init_seterror("Failed to read '%s', %s", file, std::strerror(errno));
+  return 0;
+}
+
+void init_evaluate(Init x, Ini ini) {
+  for (IItem item = init_get_num(x, 0); item != nullptr; item = init_get(x)) {
+    errno = 0;
+    try {
+      run_item(ini, *item);
+    } catch (const std::bad_alloc &) {
+      emsg("Out of memory in init command for '%s'", item->a.c_str());
+    } catch (const std::length_error &) {
+      emsg("Out of memory in init command for '%s'", item->a.c_str());
+    }
+  }
+}
+
+IItem init_get_num(Init x, int index) { return x ? array_get_num(x->list, index) : nullptr; }
+
+IItem init_get(Init x) { return x ? array_get(x->list) : nullptr; }
+
+void init_item_free(IItem *x) { drop(x); }
+
+void init_seterror(const char *format, ...) {
+  if (format == nullptr) return;
+  std::va_list arg;
+  va_start(arg, format);
+  last_error = make_message(format, arg).text;
+  va_end(arg);
+}
+
+const char *init_error() { return or_empty(text_of(last_error)); }
+
+} // namespace installer

@@ -1,0 +1,97 @@
+#pragma once
+
+// The init script: items that derive settings from the machine before the menu is shown, and the
+// discovery of the local web server's configuration for them. `init_init`, `init_load`,
+// `init_evaluate`, `init_free`.
+//
+// A line is a command and four words: `a`, `b`, control, comparison ("-" for none in the last two):
+//
+//     Exist     path     setting    setting = "true" or "false"
+//     Copy      setting  value      setting = the value of that setting, or the word itself
+//     HTTP_User setting  missing    also HTTP_Group, HTTP_Root, HTTP_Scripts
+//     TimeDate  format   setting    setting = local time by the format in the setting `format`
+//     WFile     path     value      writes the value of that setting, or the word itself
+//     RFile     path     setting    setting = contents of the file
+
+#include "installer/array.h"
+#include "installer/ini.h"
+#include "installer/lib.h"
+
+#include <cstdint>
+#include <string>
+
+namespace installer {
+
+/// `IHTTP` is the bit that the four web-server modes share.
+enum IItemMode : std::uint32_t {
+  IExist = 1,
+  ICopy = 2,
+  IHTTP = 16,
+  IHTTP_User = 20,
+  IHTTP_Group = 24,
+  IHTTP_Root = 272,
+  IHTTP_Scripts = 528,
+  ITimeDate = 1024,
+  IWFile = 2048,
+  IRFile = 4096,
+};
+
+/// One item. Without `compare` it always runs; else when the value of the setting `control`, or the
+/// word `control` itself when there is no such value, equals `compare` exactly. A comparison
+/// without a control never runs.
+struct init_item {
+  std::string a;
+  std::string b;
+  Text compare;
+  Text control;
+  IItemMode mode = IExist;
+};
+using IItem = init_item *;
+
+/// A loaded script: the items in file order, owned.
+struct init_s {
+  init_s() = default;
+  init_s(const init_s &) = delete;
+  init_s &operator=(const init_s &) = delete;
+  ~init_s() { array_free_dealloc(&list); }
+
+  Array<init_item> list = array_init<init_item>();
+};
+using Init = init_s *;
+
+/// A new empty script for `init_free`.
+[[nodiscard]] Init init_init();
+/// Releases the script and sets the variable to null. Nothing for a null address or script.
+void init_free(Init *x);
+/// Appends one item per valid line; a line with too few words is dropped, an unknown command is
+/// logged and dropped. 1; 0 for a null argument, or when the file cannot be read: `init_error` then
+/// says why.
+[[nodiscard]] int init_load(Init x, const char *file);
+/// Runs the items in file order on the store. A failed item is logged (a web-server item: printed
+/// on standard output) and never stops the rest.
+void init_evaluate(Init x, Ini ini);
+
+/// The item at `index`, or null; the cursor moves behind it.
+[[nodiscard]] IItem init_get_num(Init x, int index);
+/// The item at the cursor, which moves on; null behind the last.
+[[nodiscard]] IItem init_get(Init x);
+/// Releases one item and sets the variable to null. Nothing for a null address or item.
+void init_item_free(IItem *x);
+
+/// Replaces the module's last error.
+[[gnu::format(printf, 1, 2)]] void init_seterror(const char *format, ...);
+/// The last error, or the empty text. Borrowed until the next error.
+[[nodiscard]] const char *init_error();
+
+/// The places where the web server's configuration is looked for, in order, ended by null. Points
+/// to the usual places; a test may let it point elsewhere.
+extern const char *const *http_files;
+
+/// Finds the web server's user, group, document root and "cgi-bin" directory. A buffer that is not
+/// null (at least 1000 bytes) asks for that value. What has been found stays for the whole run, and
+/// the file is read again only while a wanted value is missing. 1; 0 with the reason in `errmsg`
+/// (at least 1000 bytes, or null).
+[[nodiscard]] int init_find_http_conf(char *user, char *group, char *root, char *scripts,
+                                      char *errmsg);
+
+} // namespace installer

@@ -1,0 +1,325 @@
+#pragma once
+
+// The shared library: null-tolerant text routines, path routines, wildcards, the bounded
+// formatter, opening of plain files, the reader of line files and the small lifetime helpers that
+// every other module uses. It keeps no state.
+//
+// Buffers: a `char *buffer` comes with its full size `bfsz`, terminator included. The result stays
+// within bfsz - 1 characters and is terminated; what does not fit is cut without notice. A null
+// text never faults; what it gives instead stands with each routine.
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <sys/stat.h>
+
+namespace installer {
+
+/// Room for a path: 255 characters and the terminator.
+inline constexpr std::size_t PathSize = 256;
+/// Room for a message, an answer or a line of a file: 999 characters and the terminator.
+inline constexpr std::size_t LineSize = 1000;
+/// The path separator that `attach_path` writes. On input "\\" separates as well.
+inline constexpr char Sep = '/';
+
+/// Folds a byte (index 0 to 255): "A" to "Z" become "a" to "z", every other byte stays itself.
+extern const std::array<unsigned char, 256> charmap;
+
+// ---- Lifetime helpers -------------------------------------------------------------------------
+
+/// An owned text, or none.
+using Text = std::optional<std::string>;
+
+/// The text for reading; null when there is none. Borrowed from `text`.
+[[nodiscard]] inline const char *text_of(const Text &text) {
+  return text ? text->c_str() : nullptr;
+}
+
+/// An owned copy of `text`; none for null.
+[[nodiscard]] inline Text make_text(const char *text) { return text ? Text{text} : Text{}; }
+
+/// `text`, or the empty text for null.
+[[nodiscard]] inline const char *or_empty(const char *text) { return text ? text : ""; }
+
+/// Puts errno back to what it was.
+class KeepErrno {
+public:
+  KeepErrno() = default;
+  KeepErrno(const KeepErrno &) = delete;
+  KeepErrno &operator=(const KeepErrno &) = delete;
+  ~KeepErrno() { errno = saved_; }
+
+private:
+  int saved_ = errno;
+};
+
+/// Deleter that hands the address of the handle to its module's release operation.
+template <auto free_fn> struct Release {
+  template <class T> void operator()(T *handle) const noexcept { free_fn(&handle); }
+};
+
+/// The one line of a release operation: destroys `*x` and sets it to null. Nothing for a null
+/// address or handle.
+template <class T> void drop(T **x) {
+  if (x == nullptr) return;
+  delete *x;
+  *x = nullptr;
+}
+
+/// Closes the stream and sets the variable to null. Nothing for a null address or stream. The
+/// result of the close is lost: a writer calls `finish` instead.
+void s_fclose(std::FILE **stream);
+
+/// An owned stdio stream.
+using Stream = std::unique_ptr<std::FILE, Release<s_fclose>>;
+
+/// Closes a stream that was written to. True: every byte since opening has reached the system.
+/// False: a write, the flush or the close failed; errno is that of the failure.
+[[nodiscard]] bool finish(Stream stream);
+
+struct FreeText {
+  void operator()(char *text) const noexcept { std::free(text); }
+};
+/// Holds a heap result of `s_strdup`, `smake` or `sadd`.
+using HeapText = std::unique_ptr<char, FreeText>;
+
+/// An owned file descriptor; -1 for none. Closing an already failed file says nothing new, so the
+/// destructor ignores the result and keeps errno; a writer calls `close`.
+class Descriptor {
+public:
+  explicit Descriptor(int fd = -1) noexcept : fd_(fd) {}
+  Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
+  Descriptor &operator=(Descriptor &&other) noexcept;
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+  ~Descriptor();
+
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  [[nodiscard]] explicit operator bool() const noexcept { return fd_ >= 0; }
+  int release() noexcept;
+  /// Closes now. False: the system reports a late write error in errno.
+  [[nodiscard]] bool close() noexcept;
+
+private:
+  int fd_;
+};
+
+/// True when `value` and `bits` have a bit in common.
+template <class E> [[nodiscard]] constexpr bool has(E value, E bits) {
+  return (static_cast<std::uint32_t>(value) & static_cast<std::uint32_t>(bits)) != 0;
+}
+
+// ---- Text --------------------------------------------------------------------------------------
+
+/// C's atoi; 0 for null.
+[[nodiscard]] int s_atoi(const char *string);
+/// C's strcmp; -1 when either is null.
+[[nodiscard]] int s_strcmp(const char *string1, const char *string2);
+/// Compares through `charmap`; the difference of the first folded bytes that differ, 0 when equal;
+/// -1 when either is null.
+[[nodiscard]] int s_stricmp(const char *string1, const char *string2);
+/// Trims white space (C's isspace) at both ends in place. The result points at the first character
+/// that is kept; null for null.
+[[nodiscard]] char *s_strtrm(char *string);
+/// C's strstr; null when either is null.
+[[nodiscard]] const char *s_strstr(const char *string1, const char *string2);
+/// A heap copy for the caller to free; null for null or without memory.
+[[nodiscard]] char *s_strdup(const char *source);
+
+/// Copies at most `size` - 1 characters and terminates. The number copied; a null `src` empties
+/// `dst`; 0 and no write for a null `dst` or a `size` of 0.
+std::size_t scpy(char *dst, const char *src, std::size_t size);
+/// Appends while the whole stays within `size` - 2 characters. The new length; 0 and no change
+/// when either text is null or `size` is 0. A `dst` that already holds `size` - 1 or more
+/// characters is cut to `size` - 1.
+std::size_t scat(char *dst, const char *src, std::size_t size);
+/// A heap block of `size` + 1 bytes with at most `size` - 1 characters of `src`; the caller frees
+/// it. Null for a null `src` or a `size` of 0.
+[[nodiscard]] char *smake(const char *src, std::size_t size);
+/// Copies `src` up to the first character of `stop_on` or the end. The number of characters
+/// copied; 0 for a null `src` or `result`.
+std::size_t schunk(const char *src, const char *stop_on, char *result, std::size_t bfsz);
+/// Puts `prefix` before the text in `buffer` when both together are shorter than `bfsz`; else null
+/// and no change. Null when either is null.
+char *spre(char *buffer, const char *prefix, std::size_t bfsz);
+/// Grows the heap text `buffer` (null: none yet) by `src`. The new pointer; the old one is gone.
+/// `buffer` unchanged when `src` is null or memory is out.
+[[nodiscard]] char *sadd(char *buffer, const char *src);
+/// Writes `source` with each `find` (left to right, no overlap, never empty) replaced by `with`
+/// (null: nothing). `result`; null when `source` or `find` is null.
+char *sreplace(const char *source, const char *find, const char *with, char *result,
+               std::size_t bfsz);
+/// 1 for "true", "yes", "y", "on", "checked", "selected" in any case, or a number that is not 0
+/// (atoi); else 0.
+[[nodiscard]] int istrue(const char *string);
+/// 1 for "false", "no", "n", "off" in any case, or, when its first or second character is a digit,
+/// for a number that is 0 (atoi); else 0. A text can be neither true nor false.
+[[nodiscard]] int isfalse(const char *string);
+
+/// Cuts the next word (ended by a blank, a tab or the end) off `*line` and moves `*line` behind
+/// the one separator that ended it. Null when there is none left.
+[[nodiscard]] char *next_word(char **line);
+
+/// The row of `table` whose `word` equals `word` under `compare` (s_strcmp or s_stricmp), or null.
+template <class Row, std::size_t n>
+[[nodiscard]] const Row *find_word(const Row (&table)[n], const char *word,
+                                   int (*compare)(const char *, const char *)) {
+  for (const Row &row : table)
+    if (compare(row.word, word) == 0) return &row;
+  return nullptr;
+}
+
+// ---- Paths -------------------------------------------------------------------------------------
+
+/// Splits a path at its last separator: `buffer` (may be null) receives the part behind it, `file`
+/// is cut before it. Without a separator, or with one in front only, `file` becomes empty. `file`.
+char *strip_file(char *file, char *buffer, std::size_t bfsz);
+/// Keeps only the part behind the last separator. `file`.
+char *strip_path(char *file);
+/// Cuts at the last "." behind the last separator, unless it is the first character. `file`.
+char *strip_ext(char *file);
+/// Joins: turns every "\\" into "/", adds one "/" between `result` and `file` when needed and
+/// drops a second one. `result`; null when it is empty, or for a null `result` or a `bfsz` of 0. A
+/// null `file` leaves the conversion only.
+char *attach_path(char *result, const char *file, std::size_t bfsz);
+/// Appends `ext` (with its dot). `result`; null for a null `result` or a `bfsz` of 0.
+char *attach_ext(char *result, const char *ext, std::size_t bfsz);
+/// Replaces every "/" and "\\" by `sep`. `string`.
+char *setsep(char *string, char sep);
+/// The program's base name: the part of `arg0` behind its last separator, up to its first ".".
+/// `buffer`; null when either is null.
+char *exename(char *buffer, const char *arg0, std::size_t bfsz);
+/// The working directory (POSIX getcwd). `buffer`; on failure null, errno and the empty text.
+char *currentdir(char *buffer, std::size_t bfsz);
+/// Copies "/etc". `buffer`; null for null.
+char *systemdir(char *buffer, std::size_t bfsz);
+
+/// The last "/" or "\\" in `path`, or null.
+[[nodiscard]] const char *last_separator(const char *path);
+/// Joins `dir` and the directory entry `name` with one "/"; no character of either is changed, so
+/// that a "\\" in a name stays one. 0 with errno ENAMETOOLONG and nothing written when it does not
+/// fit.
+[[nodiscard]] int join_path(char *buffer, std::size_t bfsz, const char *dir, const char *name);
+
+// ---- Files -------------------------------------------------------------------------------------
+
+/// What an existing file may be: `Plain` is a regular file or the null device, for reading and for
+/// the log; `Target` also admits devices, for writing. Nothing else is ever opened, so that no
+/// pipe, socket or directory can block or surprise a run.
+enum class Allow { Plain, Target };
+
+/// True when `info` describes a file that `allow` admits; else errno says why not.
+[[nodiscard]] bool admitted(const struct ::stat &info, Allow allow);
+/// POSIX openat that never blocks, closes on exec and refuses what `allow` does not admit. A
+/// descriptor, or an empty one with errno set. `perms` is for a file that is created.
+[[nodiscard]] Descriptor open_file(int dir, const char *name, int flags, Allow allow,
+                                   ::mode_t perms = 0666);
+/// C's fopen ("r", "w", "a", with "b" and "+") for the files that `open_file` admits: `Plain` for
+/// reading, `Target` else. Null when either is null, or with errno set.
+[[nodiscard]] std::FILE *s_fopen(const char *filename, const char *mode);
+
+/// Reads a whole file. 1: `text` holds it; 0: it cannot be opened or read, and errno says why.
+/// Throws std::bad_alloc or std::length_error for a file that memory cannot hold.
+[[nodiscard]] int read_text(const char *file, std::string &text);
+/// Creates or empties a file and writes `text`. 1: written and closed; 0 with errno set.
+[[nodiscard]] int write_text(const char *file, const char *text);
+
+/// Shows what is pending on standard output and reads one line of standard input, at most `bfsz` -
+/// 1 characters, line end included. `buffer`; null and the empty text at the end of input.
+char *read_reply(char *buffer, std::size_t bfsz);
+/// True once standard input has ended or failed, so that no further reply can come.
+[[nodiscard]] bool input_ended();
+
+/// The lines of a text file, read 999 characters at a time (a longer line arrives in pieces),
+/// trimmed, without blank lines and "#" comments. The five data formats are all read through it:
+///
+///     Lines lines{file};
+///     if (!lines) ...                      // errno says why
+///     if (!lines.enter(section)) ...       // only for files with sections
+///     for (char *line : lines) ...         // the line may be changed; it lasts until the next
+///     if (lines.failed()) ...              // the file could not be read to its end
+class Lines {
+public:
+  explicit Lines(const char *file) : stream_(s_fopen(file, "r")) {}
+  [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
+
+  /// Skips to the first header "[section]" (compared without case; the closing bracket counts as
+  /// part of the header only at the end of the line). From then on the next header ends the lines.
+  [[nodiscard]] bool enter(const char *section);
+  /// True when reading ended with an error, which is then put into errno.
+  [[nodiscard]] bool failed() const;
+
+  struct End {};
+  class Iterator {
+  public:
+    explicit Iterator(Lines &lines) : lines_(&lines), line_(lines.next()) {}
+    char *operator*() const { return line_; }
+    Iterator &operator++() {
+      line_ = lines_->next();
+      return *this;
+    }
+    bool operator==(End) const { return line_ == nullptr; }
+
+  private:
+    Lines *lines_;
+    char *line_;
+  };
+  Iterator begin() { return Iterator{*this}; }
+  static End end() { return {}; }
+
+private:
+  char *read();
+  char *next();
+
+  Stream stream_;
+  bool in_section_ = false;
+  int failed_ = 0;
+  char buffer_[LineSize] = {};
+};
+
+// ---- Wildcards ---------------------------------------------------------------------------------
+
+/// True when the pattern holds a "*" or "?".
+[[nodiscard]] bool has_wildcard(const char *wild);
+/// Matches the whole of `text`: "*" stands for any run of characters, "?" for exactly one, every
+/// other one for itself. 1 or 0; 0 when either is null. Time is at most text times pattern.
+[[nodiscard]] int wmatch(const char *text, const char *wild, int case_sensitive);
+/// 1 for the pattern "*" and any text but null; else wmatch with case.
+[[nodiscard]] int wild_match(const char *text, const char *wild);
+/// 1 when an item of `list` matches an item of `wilds`, with case. Items are separated by runs of
+/// blanks, tabs and commas. 0 when either is null or has no items.
+[[nodiscard]] int wild_list(const char *list, const char *wilds);
+/// The same without case.
+[[nodiscard]] int wild_ilist(const char *list, const char *wilds);
+
+// ---- Formatter ---------------------------------------------------------------------------------
+
+/// Formats into `buffer`: %d %i %o %u %x %X %c (32 bits), %e %E %f %g %G, %s (null gives
+/// "(NULL)"), %p, %n, %C, %S and %%, with flags, width and precision (also "*"). No length
+/// modifiers: `h`, `l` and `L` are not understood. The number of characters stored; -1 when the
+/// output reached `bfsz` characters, which leaves no room for the terminator (a conversion that is
+/// cut leaves room by itself); 0 for a null `buffer` or `format`.
+[[gnu::format(printf, 3, 0)]] int vsnprintf(char *buffer, std::size_t bfsz, const char *format,
+                                            std::va_list arg);
+[[gnu::format(printf, 3, 4)]] int snprintf(char *buffer, std::size_t bfsz, const char *format, ...);
+/// The same, always terminated: where snprintf gives -1 or `bfsz`, the text is cut to `bfsz` - 1
+/// characters, and that is the result. `bfsz` is at least 1.
+[[gnu::format(printf, 3, 4)]] int lprintf(char *bf, std::size_t bfsz, const char *format, ...);
+
+/// A message of at most 999 characters, as all reporters build theirs.
+struct Message {
+  char text[LineSize];
+};
+[[nodiscard, gnu::format(printf, 1, 0)]] Message make_message(const char *format, std::va_list arg);
+/// Appends ", " and the system's text for errno.
+void add_system_text(Message &message);
+
+} // namespace installer

@@ -1,0 +1,125 @@
+#include "installer/lib.h"
+
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace installer {
+
+namespace {
+
+bool is_null_device(const struct ::stat &info) {
+  struct ::stat null_device = {};
+  return S_ISCHR(info.st_mode) && ::stat("/dev/null", &null_device) == 0 &&
+         info.st_rdev == null_device.st_rdev;
+}
+
+struct Mode {
+  char letter;
+  int flags;
+  int update_flags;
+};
+constexpr Mode modes[] = {
+    {'r', O_RDONLY,                      O_RDWR                     },
+    {'w', O_WRONLY | O_CREAT | O_TRUNC,  O_RDWR | O_CREAT | O_TRUNC },
+    {'a', O_WRONLY | O_CREAT | O_APPEND, O_RDWR | O_CREAT | O_APPEND},
+};
+
+const Mode *find_mode(char letter) {
+  for (const Mode &mode : modes)
+    if (mode.letter == letter) return &mode;
+  errno = EINVAL;
+  return nullptr;
+}
+
+} // namespace
+
+bool admitted(const struct ::stat &info, Allow allow) {
+  if (S_ISREG(info.st_mode) || is_null_device(info)) return true;
+  const bool device = S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode);
+  if (allow == Allow::Target && device) return true;
+  errno = S_ISDIR(info.st_mode) ? EISDIR : ENOTSUP;
+  return false;
+}
+
+Descriptor open_file(int dir, const char *name, int flags, Allow allow, ::mode_t perms) {
+  struct ::stat info = {};
+  if (::fstatat(dir, name, &info, 0) == 0 && !admitted(info, allow)) return Descriptor{};
+  return Descriptor{::openat(dir, name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, perms)};
+}
+
+std::FILE *s_fopen(const char *filename, const char *mode) {
+  if (filename == nullptr || mode == nullptr) return nullptr;
+  const Mode *row = find_mode(*mode);
+  if (row == nullptr) return nullptr;
+  const int flags = std::strchr(mode, '+') ? row->update_flags : row->flags;
+  Descriptor fd =
+      open_file(AT_FDCWD, filename, flags, row->letter == 'r' ? Allow::Plain : Allow::Target);
+  std::FILE *stream = fd ? ::fdopen(fd.get(), mode) : nullptr;
+  if (stream != nullptr) fd.release();
+  return stream;
+}
+
+int read_text(const char *file, std::string &text) {
+  const Stream stream{s_fopen(file, "rb")};
+  if (!stream) return 0;
+  struct ::stat info = {};
+  const bool sized = ::fstat(::fileno(stream.get()), &info) == 0 && info.st_size > 0;
+  // One step to the whole size: a file that memory cannot hold is refused before it is read.
+  if (sized) text.reserve(static_cast<std::size_t>(info.st_size));
+  char piece[LineSize - 1];
+  while (const std::size_t count = std::fread(piece, 1, sizeof piece - 1, stream.get()))
+    text.append(piece, count);
+  return std::ferror(stream.get()) == 0 ? 1 : 0;
+}
+
+int write_text(const char *file, const char *text) {
+  Stream stream{s_fopen(file, "w")};
+  if (!stream) return 0;
+  std::fputs(text, stream.get());
+  return finish(std::move(stream)) ? 1 : 0;
+}
+
+char *read_reply(char *buffer, std::size_t bfsz) {
+  std::fflush(stdout);
+  if (std::fgets(buffer, static_cast<int>(bfsz), stdin) != nullptr) return buffer;
+  *buffer = '\0';
+  return nullptr;
+}
+
+bool input_ended() { return std::feof(stdin) != 0 || std::ferror(stdin) != 0; }
+
+bool Lines::enter(const char *section) {
+  while (char *line = read()) {
+    if (*line != '[') continue;
+    const std::size_t length = std::strlen(line);
+    if (line[length - 1] == ']') line[length - 1] = '\0';
+    in_section_ = s_stricmp(line + 1, section) == 0;
+    if (in_section_) return true;
+  }
+  return false;
+}
+
+bool Lines::failed() const {
+  if (failed_ != 0) errno = failed_;
+  return failed_ != 0;
+}
+
+char *Lines::read() {
+  while (stream_ && std::fgets(buffer_, sizeof buffer_, stream_.get()) != nullptr) {
+    char *line = s_strtrm(buffer_);
+    if (*line != '\0' && *line != '#') return line;
+  }
+  if (stream_ && std::ferror(stream_.get()) != 0) failed_ = errno;
+  return nullptr;
+}
+
+char *Lines::next() {
+  char *line = read();
+  if (line == nullptr || !in_section_ || *line != '[') return line;
+  stream_.reset();
+  return nullptr;
+}
+
+} // namespace installer

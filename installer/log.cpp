@@ -1,0 +1,183 @@
+#include "installer/log.h"
+
+#include "installer/array.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <limits>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace installer {
+
+namespace {
+
+constexpr const char *LevelNames[] = {"None", "Error", "Info", "Debug"};
+constexpr ::mode_t LogPermissions = 0600;
+
+Log CurrentLog = nullptr;
+Array<std::string> EmsgLog = nullptr;
+
+std::uint32_t file_size(const char *file) {
+  struct ::stat info = {};
+  if (::stat(file, &info) != 0) return 0;
+  constexpr ::off_t most = std::numeric_limits<std::uint32_t>::max();
+  return static_cast<std::uint32_t>(std::min<::off_t>(info.st_size, most));
+}
+
+/// The first 20 characters of the asctime form of the local time. Rendered once a second: the
+/// conversion costs more than the rest of a line.
+const char *time_text() {
+  static std::time_t rendered = -1;
+  static char text[21] = "";
+  const std::time_t now = std::time(nullptr);
+  if (now == rendered) return text;
+  struct ::tm local = {};
+  if (::localtime_r(&now, &local) == nullptr) return text;
+  std::strftime(text, sizeof text, "%a %b %e %H:%M:%S ", &local);
+  rendered = now;
+  return text;
+}
+
+void backup_name(Log x, int number, char (&name)[LineSize - 1]) {
+  lprintf(name, sizeof name, "%s%d", x->File, number);
+}
+
+void shift_backups(Log x, const char *newest) {
+  char old_name[LineSize - 1];
+  char new_name[LineSize - 1];
+  backup_name(x, x->Rotations, new_name);
+  for (int number = x->Rotations - 1; number >= 0; --number) {
+    backup_name(x, number, old_name);
+    std::remove(new_name);
+    std::rename(old_name, new_name);
+    scpy(new_name, old_name, sizeof new_name);
+  }
+  std::rename(newest, new_name);
+}
+
+void flush_line(Log x, std::uint32_t written) {
+  if (x->DoFlush == 0 || x->Lines % x->DoFlush != 0) return;
+  if (std::fflush(x->F.get()) != 0) x->Size -= written;
+}
+
+void queue_error(const char *text) {
+  if (EmsgLog == nullptr) EmsgLog = array_init<std::string>();
+  auto copy = std::make_unique<std::string>(text);
+  if (array_add(EmsgLog, copy.get()) != 0) static_cast<void>(copy.release());
+}
+
+/// True when the current log takes messages of level `l`; errors it takes unless it is silent.
+bool takes(LogLevel l) { return CurrentLog != nullptr && CurrentLog->Level >= l; }
+
+} // namespace
+
+Log log_init(LogLevel l) {
+  auto *x = new log;
+  x->Level = l;
+  return x;
+}
+
+int log_open(Log x, const char *file) {
+  log_close(x);
+  x->Size = file_size(file);
+  Descriptor fd =
+      open_file(AT_FDCWD, file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions);
+  if (fd) x->F.reset(::fdopen(fd.get(), "a"));
+  if (!x->F) return 0;
+  fd.release();
+  scpy(x->File, file, sizeof x->File);
+  if (CurrentLog == nullptr) {
+    CurrentLog = x;
+    check_emsglog();
+  }
+  return 1;
+}
+
+void log_close(Log x) {
+  if (x != nullptr) x->F.reset();
+}
+
+void log_free(Log *x) {
+  if (x == nullptr) return;
+  Log freed = *x;
+  drop(&freed);
+}
+
+void log_set(Log x) { CurrentLog = x; }
+
+void log_set_level(Log x, LogLevel l) { x->Level = l; }
+
+void log_doflush(Log x, int doflush) {
+  if (x != nullptr) x->DoFlush = doflush;
+}
+
+void log_line(Log x, const char *line, LogLevel l) {
+  const KeepErrno keep;
+  if (x == nullptr || x->Level < l) return;
+  if (!x->F && (*x->File == '\0' || log_open(x, x->File) == 0)) return;
+  const int written = std::fprintf(x->F.get(), "%.20s [%d] %s: %s\n", time_text(),
+                                   static_cast<int>(::getpid()), LevelNames[l], line);
+  const auto added = static_cast<std::uint32_t>(std::max(written, 0));
+  x->Size += added;
+  if (x->Size >= x->Rotate && x->Size - x->Held >= x->Rotate) log_rotate(x);
+  else flush_line(x, added);
+  ++x->Lines;
+}
+
+int log_rotate(Log x) {
+  char temporary[LineSize];
+  // Two numbers that differ from those of an earlier run that was killed half-way.
+  lprintf(temporary, sizeof temporary, "%s.%05d%05d", x->File, static_cast<int>(::getpid()),
+          static_cast<int>(std::time(nullptr) % 100000));
+  log_close(x);
+  const bool moved = std::rename(x->File, temporary) == 0;
+  const int opened = log_open(x, x->File);
+  x->Held = moved ? 0 : x->Size;
+  if (moved) shift_backups(x, temporary);
+  return opened;
+}
+
+void check_emsglog() {
+  if (EmsgLog == nullptr || CurrentLog == nullptr) return;
+  // Taken off first, so that an error while writing starts a new queue.
+  Array<std::string> queue = EmsgLog;
+  EmsgLog = nullptr;
+  for (auto *text = array_get_num(queue, 0); text != nullptr; text = array_get(queue))
+    log_line(CurrentLog, text->c_str(), LogError);
+  array_free_dealloc(&queue);
+}
+
+void emsg(const char *format, ...) {
+  if (format == nullptr) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  const Message message = make_message(format, arg);
+  va_end(arg);
+  if (takes(LogError)) log_line(CurrentLog, message.text, LogError);
+  else queue_error(message.text);
+}
+
+void imsg(const char *format, ...) {
+  if (format == nullptr || !takes(LogInfo)) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  log_line(CurrentLog, make_message(format, arg).text, LogInfo);
+  va_end(arg);
+}
+
+void dmsg(const char *format, ...) {
+  if (format == nullptr || !takes(LogDebug)) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  log_line(CurrentLog, make_message(format, arg).text, LogDebug);
+  va_end(arg);
+}
+
+} // namespace installer

@@ -1,0 +1,18 @@
+#pragma once
+
+// The bootstrap data file: one setting per line, "name value", which together with four settings of
+// the installer's own ("host", "system_dir", "current_dir", "action") makes the first contents of
+// the settings store. `load_datfile` once at the start, `clear_datfile` at the end.
+
+#include "installer/ini.h"
+
+namespace installer {
+
+/// Fills the empty store `ini` from `file` and resolves the references between its values. The
+/// installer's own four come first, so a line of the file that names one of them is never seen. 1;
+/// 0 for a null argument, or (logged) when the file cannot be read, with `ini` untouched.
+[[nodiscard]] int load_datfile(Ini ini, const char *file);
+/// Releases what `load_datfile` keeps. May be called more than once.
+void clear_datfile();
+
+} // namespace installer
