@@ -121,11 +121,10 @@ Step handle_copy(Pass &pass) {
 
 Step handle_error(Pass &pass) {
   if (isfalse(setting_value(pass)) == 0) return Step::Next;
-  char temp[LineSize];
-  scpy(temp, quest_text(pass.quest, pass.index), sizeof temp);
-  if (pass.action.expand_error)
-    ini_replace(pass.ini, quest_text(pass.quest, pass.index), temp, sizeof temp);
-  std::printf("Error: %s\n", temp);
+  const char *text = quest_text(pass.quest, pass.index);
+  char temp[LineSize] = "";
+  if (pass.action.expand_error) ini_replace(pass.ini, text, temp, sizeof temp);
+  std::printf("Error: %s\n", pass.action.expand_error ? temp : text);
   return Step::Fail;
 }
 
@@ -288,7 +287,7 @@ void print_blurb(Ini ini) {
   if (!blurb) return;
   std::printf("\n");
   char line[LineSize];
-  char result[LineSize];
+  char result[LineSize] = "";
   while (std::fgets(line, sizeof line, blurb.get()) != nullptr) {
     ini_replace(ini, s_strtrm(line), result, sizeof result);
     std::printf("%s\n", result);
@@ -297,6 +296,7 @@ void print_blurb(Ini ini) {
 
 void printdot(const char * /*src*/, const char * /*dst*/, int /*mode*/) {
   static std::uint32_t upto = 0;
+  const KeepErrno keep;
   std::putchar('.');
   if (++upto % 5 == 0) std::fflush(stdout);
 }

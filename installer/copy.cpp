@@ -56,29 +56,25 @@ const Keyword &read_keyword(const char *word) {
   return keyword != nullptr ? *keyword : unknown_keyword;
 }
 
-/// Takes the next word of the line as a field.
-const char *read_field(Text &field, const char *name, char **line) {
+/// Takes the next word of the line as a field; with `missing`, its absence is an error.
+bool read_field(Text &field, const char *name, const char *missing, char **line) {
   field = make_text(next_word(line));
-  dmsg("Copy line '%s' is [%s]", name, text_of(field));
-  return text_of(field);
+  if (!field && missing != nullptr) cerror("%s", missing);
+  if (field || missing != nullptr) dmsg("Copy line '%s' is [%s]", name, text_of(field));
+  return field.has_value();
 }
 
-/// False, with an error for each, when required fields are missing.
+/// False when required fields are missing; each is reported.
 bool read_slots(CCmd &command, std::span<const Slot> slots, char **line) {
   bool complete = true;
-  for (const Slot &slot : slots) {
-    if (read_field(command.*slot.field, slot.name, line) != nullptr) continue;
-    cerror("%s", slot.missing);
-    complete = false;
-  }
+  for (const Slot &slot : slots)
+    complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
   return complete;
 }
 
 void read_control(CCmd &command, char **line) {
-  const char *rest = *line + std::strspn(*line, " \t");
-  if (*rest == '\0' || read_field(command.control, "control", line) == nullptr) return;
-  rest = *line + std::strspn(*line, " \t");
-  if (*rest != '\0') read_field(command.control_cmp, "control_cmp", line);
+  if (read_field(command.control, "control", nullptr, line))
+    read_field(command.control_cmp, "control_cmp", nullptr, line);
 }
 
 void load_command(pCopy x, char *line) {

@@ -5,17 +5,14 @@
 #include <cstring>
 #include <new>
 #include <span>
-#include <stdexcept>
 #include <string>
-
-#include <sys/stat.h>
 
 namespace installer {
 
 namespace {
 
 constexpr std::size_t TemplateLineSize = 3000;
-constexpr std::size_t OwnerSize = 1000;
+constexpr std::size_t OperandSize = 1000;
 
 Text last_error;
 
@@ -25,12 +22,12 @@ struct Operand {
   char file[PathSize];
 };
 
-/// A part that fills its buffer may have been cut, and a cut path is never used.
-bool fits(const char *operand, const Operand &parts) {
+/// False, logged, when a part of the operand was cut on its way into an `Operand`.
+bool fits(const char *operand) {
   const char *separator = last_separator(operand);
   const char *pattern = separator != nullptr ? separator + 1 : operand;
-  const auto length = static_cast<std::size_t>(pattern - operand);
-  if (length < sizeof parts.path && std::strlen(pattern) < sizeof parts.file) return true;
+  if (static_cast<std::size_t>(pattern - operand) < PathSize && std::strlen(pattern) < PathSize)
+    return true;
   errno = ENAMETOOLONG;
   cerror("Path too long in '%s'", operand);
   return false;
@@ -39,14 +36,7 @@ bool fits(const char *operand, const Operand &parts) {
 bool split_source(pCopy x, std::uint32_t index, Operand &source) {
   if (copy_src_path(x, index, source.path, sizeof source.path) == nullptr) return false;
   copy_src_file(x, index, source.file, sizeof source.file);
-  return fits(copy_src(x, index), source);
-}
-
-bool same_file(const char *a, const char *b) {
-  struct ::stat info_a = {};
-  struct ::stat info_b = {};
-  return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && info_a.st_dev == info_b.st_dev &&
-         info_a.st_ino == info_b.st_ino;
+  return fits(copy_src(x, index));
 }
 
 /// Splits the source of a command that changes or removes what it finds. False, logged: it does not
@@ -59,7 +49,7 @@ bool split_bounded_source(pCopy x, std::uint32_t index, Operand &source) {
            copy_src(x, index));
     return false;
   }
-  if (has_wildcard(source.file) && same_file(source.path, "/")) {
+  if (has_wildcard(source.file) && same_file(source.path, "/") != 0) {
     cerror("'%s' reaches all of the root directory, nothing done", copy_src(x, index));
     return false;
   }
@@ -78,7 +68,7 @@ std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
   Operand dest;
   if (copy_dst_path(x, index, dest.path, sizeof dest.path) == nullptr) return found;
   if (copy_dst_file(x, index, dest.file, sizeof dest.file) == nullptr) return found;
-  if (!fits(copy_dst(x, index), dest)) return found;
+  if (!fits(copy_dst(x, index))) return found;
   for (File entry : Entries{dest.path, dest.file})
     if (is_dir(*entry) && !excluded(entry, copy_not(x, index))) found.emplace_back(entry->name);
   return found;
@@ -154,11 +144,8 @@ int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
     written = write_template_line(x, piece, out.get());
     more = std::fgets(piece, sizeof piece, in) != nullptr;
   }
-  if (std::ferror(in) != 0) {
-    cerror("Error reading ini file '%s'", copy_src(x, index));
-    return 0;
-  }
-  if (finish(std::move(out))) return 1;
+  const bool read_all = std::ferror(in) == 0;
+  if (finish(std::move(out))) return read_all ? 1 : 0;
   cerror("Error writing ini file '%s'", copy_dst(x, index));
   return 0;
 }
@@ -203,9 +190,9 @@ int run_command(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   return 0;
 }
 
-int out_of_memory() {
+int out_of_memory(pCopy x, std::uint32_t index) {
   errno = ENOMEM;
-  cerror("Command failed");
+  cerror("Command failed for '%s'", copy_src(x, index));
   return 0;
 }
 
@@ -243,9 +230,7 @@ int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   try {
     return run_command(x, index, bytes);
   } catch (const std::bad_alloc &) {
-    return out_of_memory();
-  } catch (const std::length_error &) {
-    return out_of_memory();
+    return out_of_memory(x, index);
   }
 }
 
@@ -284,7 +269,7 @@ int copy_mkdir(pCopy x, std::uint32_t index) { return file_mkdir(copy_src(x, ind
 int copy_chown(pCopy x, std::uint32_t index) {
   Operand source;
   if (!split_bounded_source(x, index, source)) return 0;
-  char owner[OwnerSize] = "";
+  char owner[OperandSize] = "";
   ini_replace(x->ini, copy_dst(x, index), owner, sizeof owner - 1);
   char *colon = std::strchr(owner, ':');
   const char *group = colon != nullptr ? colon + 1 : owner;
@@ -299,8 +284,10 @@ int copy_chown(pCopy x, std::uint32_t index) {
 int copy_chmod(pCopy x, std::uint32_t index) {
   Operand source;
   if (!split_bounded_source(x, index, source)) return 0;
+  char digits[OperandSize];
+  scpy(digits, copy_dst(x, index), sizeof digits);
   std::uint32_t mode = 0;
-  for (const char *c = or_empty(copy_dst(x, index)); *c != '\0'; ++c)
+  for (const char *c = digits; *c != '\0'; ++c)
     mode = mode * 8 + static_cast<std::uint32_t>(*c - '0');
   return dochmod(source.path, source.file, copy_not(x, index), mode);
 }
@@ -326,7 +313,7 @@ int copy_write_ini(pCopy x, std::uint32_t index) {
     if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
     return 0;
   }
-  const bool onto_itself = same_file(source, dest);
+  const bool onto_itself = same_file(source, dest) != 0;
   Stream out{onto_itself ? nullptr : s_fopen(dest, "w")};
   if (!out) {
     if (onto_itself) errno = EINVAL;

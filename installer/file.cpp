@@ -27,6 +27,7 @@ constexpr std::size_t ChunkSize = 8192;
 /// What one write takes: many chunks, for a system call costs as much as copying several of them.
 constexpr std::size_t BlockSize = 16 * ChunkSize;
 constexpr ::mode_t DirectoryPermissions = 0775;
+constexpr ::mode_t FilePermissions = 0666;
 constexpr ::mode_t PermissionBits = 07777;
 constexpr const char *AnySeparator = "/\\";
 constexpr const char *TrueSeparator = "/";
@@ -34,12 +35,8 @@ constexpr const char *TrueSeparator = "/";
 FileCallback ok = nullptr;
 FileCallback fail = nullptr;
 
-/// Identity of a directory.
-struct Id {
-  ::dev_t device;
-  ::ino_t inode;
-};
-std::vector<Id> filled;
+/// The status of the directories that running copies made or fill.
+std::vector<struct ::stat> filled;
 int fillings = 0;
 
 void call(FileCallback callback, const char *src, const char *dst, int mode) {
@@ -50,10 +47,6 @@ Place by_path(const char *path) { return {path, path}; }
 
 Place by_entry(const file &x) {
   return {x.name, x.name + x.entry, x.dir, S_ISREG(x.info.st_mode), false};
-}
-
-bool same_inode(const struct ::stat &a, const struct ::stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 // ---- Enumeration ----
@@ -73,7 +66,8 @@ bool open_handle(xfilehandle &h, const Place &place, const char *wild) {
   return true;
 }
 
-void report_unlisted(const xfilehandle &h, const char *name) {
+void report_unlisted(xfilehandle &h, const char *name) {
+  h.incomplete = true;
   if (h.report) call(fail, name, nullptr, 1);
 }
 
@@ -99,7 +93,7 @@ const char *next_name(xfilehandle &h, ::mode_t &type) {
 }
 
 /// Fills `x` from the entry `name`. False: it is not there (any more) or its path does not fit.
-bool take_entry(file &x, const xfilehandle &h, const char *name, ::mode_t type) {
+bool take_entry(file &x, xfilehandle &h, const char *name, ::mode_t type) {
   file found;
   found.dir = ::dirfd(h.handle.get());
   found.info.st_mode = type;
@@ -129,11 +123,18 @@ Descriptor open_source(const Place &src) {
   return Descriptor{::openat(src.dir, src.name, flags)};
 }
 
-bool names_open_file(const char *path, int fd) {
-  struct ::stat open_info = {};
-  struct ::stat path_info = {};
-  return ::fstat(fd, &open_info) == 0 && ::stat(path, &path_info) == 0 &&
-         same_inode(open_info, path_info);
+/// Opens the destination for writing. A new file is the usual case; only an existing one can be
+/// the source itself (then `same`, and nothing is opened) or unfit.
+Descriptor open_target(const char *dst, int source, bool &same) {
+  Descriptor out{::open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FilePermissions)};
+  if (out || errno != EEXIST) return out;
+  struct ::stat source_info = {};
+  struct ::stat info = {};
+  const bool exists = ::stat(dst, &info) == 0;
+  same = exists && ::fstat(source, &source_info) == 0 && same_inode(info, source_info);
+  if (same) return out;
+  return open_known(AT_FDCWD, dst, exists ? &info : nullptr, O_WRONLY | O_CREAT | O_TRUNC,
+                    Allow::Target);
 }
 
 /// Reads chunks until the block is full or the file ends. The bytes read, or -1.
@@ -187,14 +188,11 @@ int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
   char block[BlockSize];
   const ::ssize_t count = fill_block(in.get(), block);
   if (count < 0) return failed_copy(src.path, true);
-  // A new file is the usual case; only an existing one can be the source itself.
-  Descriptor out{::open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)};
-  if (!out && errno == EEXIST) {
-    if (names_open_file(dst, in.get())) {
-      imsg("'%s' and '%s' are the same file, nothing to copy", src.path, dst);
-      return 1;
-    }
-    out = open_file(AT_FDCWD, dst, O_WRONLY | O_CREAT | O_TRUNC, Allow::Target);
+  bool same = false;
+  Descriptor out = open_target(dst, in.get(), same);
+  if (same) {
+    imsg("'%s' and '%s' are the same file, nothing to copy", src.path, dst);
+    return 1;
   }
   if (!out) {
     file_error("Error opening '%s' for write", dst);
@@ -223,15 +221,14 @@ int target_path(const file &x, const char *into, char (&target)[PathSize]) {
 void note_filled(const char *directory) {
   const KeepErrno keep;
   struct ::stat info = {};
-  if (::stat(directory, &info) == 0) filled.push_back({info.st_dev, info.st_ino});
+  if (::stat(directory, &info) == 0) filled.push_back(info);
 }
 
 bool is_filled(const file &x) {
   struct ::stat info = {};
   if (::fstatat(x.dir, x.name + x.entry, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  return std::any_of(filled.begin(), filled.end(), [&info](const Id &id) {
-    return id.device == info.st_dev && id.inode == info.st_ino;
-  });
+  return std::any_of(filled.begin(), filled.end(),
+                     [&info](const struct ::stat &other) { return same_inode(info, other); });
 }
 
 /// Creates one level.
@@ -249,6 +246,18 @@ int failed_directory(const char *path) {
   return 0;
 }
 
+/// Creates the missing parents of `path`, whose components from `first` on end at "/".
+bool make_parents(char *path, std::size_t first) {
+  bool created = false;
+  for (std::size_t i = first; i < std::strlen(path); ++i) {
+    if (path[i] != Sep) continue;
+    path[i] = '\0';
+    created = make_level(path) || created;
+    path[i] = Sep;
+  }
+  return created;
+}
+
 /// file_mkdir with the characters that separate components: the name of an existing entry may
 /// hold a "\\".
 int make_directory(const char *dir, bool make_all, const char *separators) {
@@ -259,17 +268,19 @@ int make_directory(const char *dir, bool make_all, const char *separators) {
     errno = ENAMETOOLONG;
     return failed_directory(dir);
   }
-  if (length > 1 && std::strchr(separators, path[length - 1])) path[length - 1] = '\0';
+  if (length > 1 && std::strchr(separators, path[length - 1]) != nullptr) path[length - 1] = '\0';
+  const std::size_t first = std::min<std::size_t>(length, length > 1 && path[1] == ':' ? 3 : 1);
+  if (make_all && separators == AnySeparator) setsep(path + first, Sep);
   errno = 0;
-  bool created = false;
-  const std::size_t first = length > 1 && path[1] == ':' ? 3 : 1;
-  for (std::size_t i = first; make_all && i < std::strlen(path); ++i) {
-    if (!std::strchr(separators, path[i])) continue;
-    path[i] = '\0';
-    created = make_level(path) || created;
-    path[i] = Sep;
+  bool parents = false;
+  bool there = make_level(path);
+  // Only then is a parent missing; trying them all each time would cost more than the directory.
+  if (!there && make_all && errno == ENOENT) {
+    parents = make_parents(path, first);
+    there = make_level(path);
   }
-  if (!make_level(path) && !created && errno != EEXIST) return failed_directory(path);
+  // Something was created even where only some of the parents were, but not without a word.
+  if (!there && errno != EEXIST) return failed_directory(path) + static_cast<int>(parents);
   errno = 0;
   return 1;
 }
@@ -296,8 +307,9 @@ int copy_tree(const Place &src, const char *wild, const char *exclude, const cha
   if (file_exist(dst) == 0) {
     if (make_directory(dst, true, TrueSeparator) == 0) return 0;
     count = 1;
+  } else {
+    filling.add(dst);
   }
-  filling.add(dst);
   for (File entry : Entries{src, wild, Walk::Copies}) {
     if (wild_list(entry_name(*entry), exclude) != 0) continue;
     if (is_dir(*entry)) count += copy_directory(*entry, exclude, dst, recurse, bytes);

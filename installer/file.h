@@ -58,7 +58,8 @@ using DirStream = std::unique_ptr<::DIR, CloseDir>;
 /// each entry's whole status and link; else `info` holds no more than the type, which the listing
 /// itself delivers. `report`: an entry that cannot be handled is a failed copy and calls `xfail`.
 /// `literal`: the pattern has no wildcard, so that the one entry it can match is looked up directly
-/// instead of being searched for; `done`: it has been.
+/// instead of being searched for; `done`: it has been. `incomplete`: an entry could not be
+/// delivered.
 struct xfilehandle {
   std::string path;
   std::string wild;
@@ -67,6 +68,7 @@ struct xfilehandle {
   bool report = false;
   bool literal = false;
   bool done = false;
+  bool incomplete = false;
 };
 using FHandle = xfilehandle *;
 
@@ -121,6 +123,8 @@ public:
   explicit Entries(const file &directory, Walk walk = Walk::Types);
   /// Internal to the module: a directory reached either way.
   Entries(const Place &place, const char *wild, Walk walk);
+  /// True when the listing failed, or had an entry that could not be delivered (logged).
+  [[nodiscard]] bool incomplete() const { return handle_.incomplete; }
   /// True while there is an entry.
   [[nodiscard]] explicit operator bool() const { return more_; }
 
@@ -193,7 +197,8 @@ private:
 [[nodiscard]] int file_exist(const char *file);
 /// Creates `dir` (mode 0775) and, with `make_all`, its missing parents; each level created is
 /// logged and passed to `xok`. A trailing separator is ignored. 1: something was created or `dir`
-/// exists (whatever it is); 0: failed, logged, and passed to `xfail` with errno set.
+/// exists (whatever it is); 0: failed. A `dir` that could not be created is logged and passed to
+/// `xfail` with errno set, also when its parents were and the result is 1.
 [[nodiscard]] int file_mkdir(const char *dir, int make_all);
 /// Removes `dir` and, with `recurse`, first everything below it whose name does not match the list
 /// `exclude` (with case). Links are removed, not followed. The number of items removed; what cannot

@@ -37,16 +37,15 @@ std::int32_t find_setting_any_case(Ini x, const char *name) {
   return -1;
 }
 
-/// The value list keeps the copy that it is given.
-void insert_value(Linklist<std::string> values, const char *value) {
-  auto copy = std::make_unique<std::string>(value);
+/// The value list takes the copy over.
+void insert_value(Linklist<std::string> values, std::unique_ptr<std::string> copy) {
   if (list_add(values, copy.get()) != 0) static_cast<void>(copy.release());
 }
 
 /// Appends a setting's item to the store's data; false when memory is out.
 bool add_item(Ini x, const char *value) {
   auto item = std::make_unique<Item>();
-  if (value != nullptr) insert_value(item->values, value);
+  if (value != nullptr) insert_value(item->values, std::make_unique<std::string>(value));
   if (array_add(x->data, item.get()) == 0) return false;
   static_cast<void>(item.release());
   return true;
@@ -84,10 +83,9 @@ bool enlarge_table(Ini x) {
 int create_setting(Ini x, const char *name, const char *value) {
   if (!has(x->mode, Ini_NewEmpty) && *value == '\0') return -1;
   if (x->size == x->items + 1 && !enlarge_table(x)) return 0;
+  SettingList entry{name, {}, new_mode(x->mode)};
   if (!add_item(x, value)) return 0;
-  SettingList &entry = x->list[at(x->items)];
-  entry.setting = name;
-  entry.mode = new_mode(x->mode);
+  x->list[at(x->items)] = std::move(entry);
   dmsg("Ini setting '%s' created and set to '%s'", name, value);
   ++x->items;
   return 1;
@@ -104,10 +102,11 @@ int do_add(Ini x, std::int32_t index, const char *value) {
     return -1;
   }
   Linklist<std::string> values = x->data->slot(index)->values;
-  // The value may be the very text that is removed here, so the old one lives to the end.
+  // Copied first: memory may be out, and the value may be the very text that is removed here.
+  auto copy = std::make_unique<std::string>(value);
   std::unique_ptr<std::string> removed;
   if (has(x->mode, Ini_UseMulti) && !has(entry.mode, Ini_Multi)) removed.reset(list_del(values));
-  insert_value(values, value);
+  insert_value(values, std::move(copy));
   dmsg("Ini value for '%s' set to '%s'", text_of(entry.setting), value);
   return 1;
 }

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ctime>
 #include <new>
-#include <stdexcept>
 
 namespace installer {
 
@@ -151,8 +150,6 @@ void init_evaluate(Init x, Ini ini) {
     try {
       run_item(ini, *item);
     } catch (const std::bad_alloc &) {
-      emsg("Out of memory in init command for '%s'", item->a.c_str());
-    } catch (const std::length_error &) {
       emsg("Out of memory in init command for '%s'", item->a.c_str());
     }
   }

@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -175,7 +174,7 @@ void run(unsigned argc, char **argv) {
   process_args(log.get(), argv, argc);
   char path[PathSize];
   if (!has_place || product_file(".dat", path) == 0) {
-    std::printf("Error: The name of the working directory is too long\n");
+    std::printf("Error: The path of the data files is too long\n");
     return;
   }
   if (load_datfile(ini.get(), path) == 0) return;

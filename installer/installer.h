@@ -26,6 +26,7 @@ int main(unsigned argc, char **argv);
 /// Reads the options from `argv[1]` on: -debug, -version, -automate, -special *tag*. Others are
 /// ignored. Ends the process for -version (0) and for -special without a tag (1).
 void process_args(Log log, char **argv, unsigned argc);
+/// The banner and the menu, with the value of the setting "product", or "NONAME".
 void print_header(Ini ini);
 void print_menu(Ini ini);
 

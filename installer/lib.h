@@ -2,7 +2,7 @@
 
 // The shared library: null-tolerant text routines, path routines, wildcards, the bounded
 // formatter, opening of plain files, the reader of line files and the small lifetime helpers that
-// every other module uses. It keeps no state.
+// every other module uses. Its only state is whether standard input has ended.
 //
 // Buffers: a `char *buffer` comes with its full size `bfsz`, terminator included. The result stays
 // within bfsz - 1 characters and is terminated; what does not fit is cut without notice. A null
@@ -222,12 +222,19 @@ enum class Allow { Plain, Target };
 /// descriptor, or an empty one with errno set. `perms` is for a file that is created.
 [[nodiscard]] Descriptor open_file(int dir, const char *name, int flags, Allow allow,
                                    ::mode_t perms = 0666);
+/// open_file for a file whose status the caller has; null when it does not exist.
+[[nodiscard]] Descriptor open_known(int dir, const char *name, const struct ::stat *info, int flags,
+                                    Allow allow, ::mode_t perms = 0666);
 /// C's fopen ("r", "w", "a", with "b" and "+") for the files that `open_file` admits: `Plain` for
 /// reading, `Target` else. Null when either is null, or with errno set.
 [[nodiscard]] std::FILE *s_fopen(const char *filename, const char *mode);
 
+/// True when both describe one file.
+[[nodiscard]] bool same_inode(const struct ::stat &a, const struct ::stat &b);
+/// 1 when both paths lead to one existing file, links followed; else 0.
+[[nodiscard]] int same_file(const char *a, const char *b);
 /// Reads a whole file. 1: `text` holds it; 0: it cannot be opened or read, and errno says why.
-/// Throws std::bad_alloc or std::length_error for a file that memory cannot hold.
+/// Throws std::bad_alloc for a file that memory cannot hold.
 [[nodiscard]] int read_text(const char *file, std::string &text);
 /// Creates or empties a file and writes `text`. 1: written and closed; 0 with errno set.
 [[nodiscard]] int write_text(const char *file, const char *text);
@@ -235,7 +242,7 @@ enum class Allow { Plain, Target };
 /// Shows what is pending on standard output and reads one line of standard input, at most `bfsz` -
 /// 1 characters, line end included. `buffer`; null and the empty text at the end of input.
 char *read_reply(char *buffer, std::size_t bfsz);
-/// True once standard input has ended or failed, so that no further reply can come.
+/// True when the last `read_reply` found the end of standard input, or could not read it.
 [[nodiscard]] bool input_ended();
 
 /// The lines of a text file, read 999 characters at a time (a longer line arrives in pieces),

@@ -15,6 +15,8 @@ bool is_null_device(const struct ::stat &info) {
          info.st_rdev == null_device.st_rdev;
 }
 
+bool no_more_replies = false;
+
 struct Mode {
   char letter;
   int flags;
@@ -43,10 +45,16 @@ bool admitted(const struct ::stat &info, Allow allow) {
   return false;
 }
 
+Descriptor open_known(int dir, const char *name, const struct ::stat *info, int flags, Allow allow,
+                      ::mode_t perms) {
+  if (info != nullptr && !admitted(*info, allow)) return Descriptor{};
+  return Descriptor{::openat(dir, name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, perms)};
+}
+
 Descriptor open_file(int dir, const char *name, int flags, Allow allow, ::mode_t perms) {
   struct ::stat info = {};
-  if (::fstatat(dir, name, &info, 0) == 0 && !admitted(info, allow)) return Descriptor{};
-  return Descriptor{::openat(dir, name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, perms)};
+  const bool exists = ::fstatat(dir, name, &info, 0) == 0;
+  return open_known(dir, name, exists ? &info : nullptr, flags, allow, perms);
 }
 
 std::FILE *s_fopen(const char *filename, const char *mode) {
@@ -82,13 +90,26 @@ int write_text(const char *file, const char *text) {
 }
 
 char *read_reply(char *buffer, std::size_t bfsz) {
-  std::fflush(stdout);
-  if (std::fgets(buffer, static_cast<int>(bfsz), stdin) != nullptr) return buffer;
-  *buffer = '\0';
-  return nullptr;
+  {
+    const KeepErrno keep; // a console that is gone is no reason of what is said about the reply
+    std::fflush(stdout);
+  }
+  no_more_replies = std::fgets(buffer, static_cast<int>(bfsz), stdin) == nullptr;
+  if (no_more_replies) *buffer = '\0';
+  return no_more_replies ? nullptr : buffer;
 }
 
-bool input_ended() { return std::feof(stdin) != 0 || std::ferror(stdin) != 0; }
+bool input_ended() { return no_more_replies; }
+
+bool same_inode(const struct ::stat &a, const struct ::stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+int same_file(const char *a, const char *b) {
+  struct ::stat info_a = {};
+  struct ::stat info_b = {};
+  return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && same_inode(info_a, info_b) ? 1 : 0;
+}
 
 bool Lines::enter(const char *section) {
   while (char *line = read()) {

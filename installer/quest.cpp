@@ -176,7 +176,8 @@ int answer_must_exist(Questions x, std::uint32_t i, const char *answer) {
 }
 
 int answer_must_be_empty(Questions x, std::uint32_t i, const char *answer) {
-  if (!Entries{answer, "*"}) {
+  const Entries entries{answer, "*"};
+  if (!entries && !entries.incomplete()) {
     errno = 0;
     return store(x, i, answer);
   }

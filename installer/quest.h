@@ -14,7 +14,7 @@
 namespace installer {
 
 /// Types of entries. `QExist` ("must exist") and `QEmpty` ("must be empty") are flags in the types
-/// above them; every directory type has the bit `QDir`. 0 is a question of no known type.
+/// that follow them; every directory type has the bit `QDir`. 0 is a question of no known type.
 enum QType : std::uint32_t {
   QText = 0x1,
   QYN = 0x2,
