@@ -5,11 +5,10 @@
 // means that there is no element. Iterate with `array_get_num(a, 0)`, then `array_get(a)` until
 // null.
 
-#include <algorithm>
 #include <cstdint>
-#include <memory>
 #include <new>
 #include <type_traits>
+#include <vector>
 
 namespace installer {
 
@@ -17,10 +16,10 @@ namespace installer {
 /// `current`: index of the element that `array_get` returns next, -1 for none.
 template <class T> struct array {
   std::int32_t size = 0, block = 10, items = 0, current = -1;
-  std::unique_ptr<T *[]> data;
+  std::vector<T *> data;
 
   /// Slot `i`, which must exist.
-  [[nodiscard]] T *&slot(std::int32_t i) const { return data.get()[i]; }
+  [[nodiscard]] T *&slot(std::int32_t i) { return data.data()[i]; }
 };
 template <class T> using Array = array<T> *;
 
@@ -34,13 +33,13 @@ template <class T> [[nodiscard]] Array<T> array_init() { return new array<T>; }
 /// out, with the array as it was.
 template <class T> [[nodiscard]] int alloc(Array<T> a) {
   const std::int32_t size = a->size + a->block;
-  std::unique_ptr<T *[]> data { new (std::nothrow) T *[static_cast<std::size_t>(size)] {} };
-  if (!data) {
+  try {
+    // `size` grows in fixed steps; the memory behind it grows geometrically.
+    a->data.resize(static_cast<std::size_t>(size));
+  } catch (const std::bad_alloc &) {
     array_growth_failed();
     return 0;
   }
-  std::copy_n(a->data.get(), a->items, data.get());
-  a->data = std::move(data);
   a->size = size;
   return 1;
 }

@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
+#include <set>
+#include <utility>
 
 #include <grp.h>
 #include <pwd.h>
@@ -19,6 +20,8 @@ struct Place {
   int dir = AT_FDCWD;
   bool regular = false; // a listing said so
   bool follow = true;   // a directory may be reached through a link
+
+  [[nodiscard]] Entries list(const char *wild, Walk walk) const { return {*this, wild, walk}; }
 };
 
 namespace {
@@ -29,14 +32,12 @@ constexpr std::size_t BlockSize = 16 * ChunkSize;
 constexpr ::mode_t DirectoryPermissions = 0775;
 constexpr ::mode_t FilePermissions = 0666;
 constexpr ::mode_t PermissionBits = 07777;
-constexpr const char *AnySeparator = "/\\";
-constexpr const char *TrueSeparator = "/";
 
 FileCallback ok = nullptr;
 FileCallback fail = nullptr;
 
-/// The status of the directories that running copies made or fill.
-std::vector<struct ::stat> filled;
+/// Device and inode of the directories that the running copy made or fills.
+std::set<std::pair<::dev_t, ::ino_t>> filled;
 int fillings = 0;
 
 void call(FileCallback callback, const char *src, const char *dst, int mode) {
@@ -137,46 +138,52 @@ Descriptor open_target(const char *dst, int source, bool &same) {
                     Allow::Target);
 }
 
-/// Reads chunks until the block is full or the file ends. The bytes read, or -1.
-::ssize_t fill_block(int fd, char *block) {
+/// Reads chunks until the block is full, the file ends or reading fails; the bytes read.
+std::size_t fill_block(int fd, char *block, bool &failed) {
   std::size_t used = 0;
   while (used < BlockSize) {
     const ::ssize_t count = ::read(fd, block + used, std::min(ChunkSize, BlockSize - used));
-    if (count < 0) return -1;
-    if (count == 0) break;
+    failed = count < 0;
+    if (count <= 0) break;
     used += static_cast<std::size_t>(count);
   }
-  return static_cast<::ssize_t>(used);
+  return used;
 }
 
-bool write_block(int fd, const char *block, std::size_t size) {
-  while (size > 0) {
-    const ::ssize_t count = ::write(fd, block, size);
-    if (count <= 0) return false;
-    block += count;
-    size -= static_cast<std::size_t>(count);
+/// The bytes written, fewer than `size` when writing fails.
+std::size_t write_block(int fd, const char *block, std::size_t size) {
+  std::size_t written = 0;
+  while (written < size) {
+    const ::ssize_t count = ::write(fd, block + written, size - written);
+    if (count <= 0) break;
+    written += static_cast<std::size_t>(count);
   }
-  return true;
+  return written;
 }
 
-int failed_copy(const char *path, bool reading) {
-  if (reading) file_error("Error reading from '%s'", path);
-  else file_error("Error writing to '%s'", path);
+int read_failed(const Place &src) {
+  file_error("Error reading from '%s'", src.path);
   return 0;
 }
 
-/// Writes the first block and all that follow.
+int write_failed(const char *dst) {
+  file_error("Error writing to '%s'", dst);
+  return 0;
+}
+
+/// Writes the first block, `size` bytes that have been read, and all that follow.
 int copy_blocks(const Place &src, const Descriptor &in, const char *dst, Descriptor &out,
-                char *block, ::ssize_t count, std::uint64_t *bytes) {
-  while (count > 0) {
-    const auto size = static_cast<std::size_t>(count);
-    if (!write_block(out.get(), block, size)) return failed_copy(dst, false);
-    if (bytes != nullptr) *bytes += size;
-    if (size < BlockSize) break;
-    count = fill_block(in.get(), block);
+                char *block, std::size_t size, std::uint64_t *bytes) {
+  bool failed = false;
+  while (size > 0) {
+    const std::size_t written = write_block(out.get(), block, size);
+    if (bytes != nullptr) *bytes += written == size ? size : written - written % ChunkSize;
+    if (written < size) return write_failed(dst);
+    if (failed || size < BlockSize) break;
+    size = fill_block(in.get(), block, failed);
   }
-  if (count < 0) return failed_copy(src.path, true);
-  return out.close() ? 1 : failed_copy(dst, false);
+  if (failed) return read_failed(src);
+  return out.close() ? 1 : write_failed(dst);
 }
 
 int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
@@ -186,8 +193,9 @@ int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
     return 0;
   }
   char block[BlockSize];
-  const ::ssize_t count = fill_block(in.get(), block);
-  if (count < 0) return failed_copy(src.path, true);
+  bool failed = false;
+  const std::size_t size = fill_block(in.get(), block, failed);
+  if (failed) return read_failed(src);
   bool same = false;
   Descriptor out = open_target(dst, in.get(), same);
   if (same) {
@@ -198,7 +206,7 @@ int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
     file_error("Error opening '%s' for write", dst);
     return 0;
   }
-  return copy_blocks(src, in, dst, out, block, count, bytes);
+  return copy_blocks(src, in, dst, out, block, size, bytes);
 }
 
 int copy_file(const Place &src, const char *dst, std::uint64_t *bytes) {
@@ -221,14 +229,13 @@ int target_path(const file &x, const char *into, char (&target)[PathSize]) {
 void note_filled(const char *directory) {
   const KeepErrno keep;
   struct ::stat info = {};
-  if (::stat(directory, &info) == 0) filled.push_back(info);
+  if (::stat(directory, &info) == 0) filled.emplace(info.st_dev, info.st_ino);
 }
 
 bool is_filled(const file &x) {
   struct ::stat info = {};
   if (::fstatat(x.dir, x.name + x.entry, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  return std::any_of(filled.begin(), filled.end(),
-                     [&info](const struct ::stat &other) { return same_inode(info, other); });
+  return filled.contains({info.st_dev, info.st_ino});
 }
 
 /// Creates one level.
@@ -246,10 +253,24 @@ int failed_directory(const char *path) {
   return 0;
 }
 
-/// Creates the missing parents of `path`, whose components from `first` on end at "/".
-bool make_parents(char *path, std::size_t first) {
+/// Copies a directory's path. 0 for null, or, as a directory that cannot be created, when it does
+/// not fit.
+int take_path(const char *dir, char (&path)[PathSize]) {
+  if (dir == nullptr) return 0;
+  if (dir[scpy(path, dir, sizeof path)] == '\0') return 1;
+  errno = ENAMETOOLONG;
+  return failed_directory(dir);
+}
+
+/// Where the first component of a path may end, behind a leading "/" or a drive.
+std::size_t first_end(const char *path) {
+  return std::min<std::size_t>(std::strlen(path), *path != '\0' && path[1] == ':' ? 3 : 1);
+}
+
+/// Creates the missing parents of `path`.
+bool make_parents(char *path) {
   bool created = false;
-  for (std::size_t i = first; i < std::strlen(path); ++i) {
+  for (std::size_t i = first_end(path); path[i] != '\0'; ++i) {
     if (path[i] != Sep) continue;
     path[i] = '\0';
     created = make_level(path) || created;
@@ -258,25 +279,14 @@ bool make_parents(char *path, std::size_t first) {
   return created;
 }
 
-/// file_mkdir with the characters that separate components: the name of an existing entry may
-/// hold a "\\".
-int make_directory(const char *dir, bool make_all, const char *separators) {
-  if (dir == nullptr) return 0;
-  char path[PathSize];
-  const std::size_t length = scpy(path, dir, sizeof path);
-  if (dir[length] != '\0') {
-    errno = ENAMETOOLONG;
-    return failed_directory(dir);
-  }
-  if (length > 1 && std::strchr(separators, path[length - 1]) != nullptr) path[length - 1] = '\0';
-  const std::size_t first = std::min<std::size_t>(length, length > 1 && path[1] == ':' ? 3 : 1);
-  if (make_all && separators == AnySeparator) setsep(path + first, Sep);
+/// file_mkdir for a path in which only "/" separates: an entry's name may hold a "\\".
+int make_directory(char *path, bool make_all) {
   errno = 0;
   bool parents = false;
   bool there = make_level(path);
   // Only then is a parent missing; trying them all each time would cost more than the directory.
   if (!there && make_all && errno == ENOENT) {
-    parents = make_parents(path, first);
+    parents = make_parents(path);
     there = make_level(path);
   }
   // Something was created even where only some of the parents were, but not without a word.
@@ -285,8 +295,8 @@ int make_directory(const char *dir, bool make_all, const char *separators) {
   return 1;
 }
 
-int copy_tree(const Place &src, const char *wild, const char *exclude, const char *dst,
-              bool recurse, std::uint64_t *bytes);
+int copy_tree(const Place &src, const char *wild, const char *exclude, char *dst, bool recurse,
+              std::uint64_t *bytes);
 
 int copy_directory(const file &x, const char *exclude, const char *into, bool recurse,
                    std::uint64_t *bytes) {
@@ -296,21 +306,21 @@ int copy_directory(const file &x, const char *exclude, const char *into, bool re
   }
   char target[PathSize];
   if (target_path(x, into, target) == 0) return 0;
-  if (!recurse) return make_directory(target, true, TrueSeparator);
+  if (!recurse) return make_directory(target, true);
   return copy_tree(by_entry(x), "*", exclude, target, true, bytes);
 }
 
-int copy_tree(const Place &src, const char *wild, const char *exclude, const char *dst,
-              bool recurse, std::uint64_t *bytes) {
+int copy_tree(const Place &src, const char *wild, const char *exclude, char *dst, bool recurse,
+              std::uint64_t *bytes) {
   Filling filling;
   int count = 0;
   if (file_exist(dst) == 0) {
-    if (make_directory(dst, true, TrueSeparator) == 0) return 0;
+    if (make_directory(dst, true) == 0) return 0;
     count = 1;
   } else {
     filling.add(dst);
   }
-  for (File entry : Entries{src, wild, Walk::Copies}) {
+  for (File entry : src.list(wild, Walk::Copies)) {
     if (wild_list(entry_name(*entry), exclude) != 0) continue;
     if (is_dir(*entry)) count += copy_directory(*entry, exclude, dst, recurse, bytes);
     else count += file_copy_entry(entry, dst, bytes);
@@ -332,7 +342,7 @@ int remove_listed(const file &x, const char *exclude) {
 int remove_tree(const Place &dir, const char *exclude, bool recurse) {
   int count = 0;
   if (recurse) {
-    for (File entry : Entries{dir, "*", Walk::Types})
+    for (File entry : dir.list("*", Walk::Types))
       if (wild_list(entry_name(*entry), exclude) == 0) count += remove_listed(*entry, exclude);
   }
   const bool removed = ::unlinkat(dir.dir, dir.name, AT_REMOVEDIR) == 0;
@@ -433,8 +443,10 @@ int file_copy(const char *src, const char *dst, int overwrite, std::uint64_t *by
 
 int file_xcopy(const char *path, const char *wild, const char *exclude, const char *dst,
                int recurse, std::uint64_t *bytes) {
-  if (path == nullptr || dst == nullptr) return 0;
-  return copy_tree(by_path(path), wild ? wild : "*", exclude, dst, recurse != 0, bytes);
+  char target[PathSize];
+  if (path == nullptr || take_path(dst, target) == 0) return 0;
+  setsep(target, Sep);
+  return copy_tree(by_path(path), wild ? wild : "*", exclude, target, recurse != 0, bytes);
 }
 
 int file_copy_entry(File entry, const char *into, std::uint64_t *bytes) {
@@ -447,11 +459,10 @@ int file_xcopy_entry(File entry, const char *exclude, const char *into, std::uin
   return copy_directory(*entry, exclude, into, true, bytes);
 }
 
-Filling::Filling() : before_(filled.size()) { ++fillings; }
+Filling::Filling() { ++fillings; }
 
 Filling::~Filling() {
-  --fillings;
-  filled.resize(before_);
+  if (--fillings == 0) filled.clear();
 }
 
 void Filling::add(const char *directory) { note_filled(directory); }
@@ -469,7 +480,13 @@ int file_exist(const char *file) {
 }
 
 int file_mkdir(const char *dir, int make_all) {
-  return make_directory(dir, make_all != 0, AnySeparator);
+  char path[PathSize];
+  if (take_path(dir, path) == 0) return 0;
+  const std::size_t length = std::strlen(path);
+  const bool root = std::strcmp(path, "/") == 0;
+  if (length > 0 && !root && last_separator(path) == path + length - 1) path[length - 1] = '\0';
+  if (make_all != 0) setsep(path + first_end(path), Sep);
+  return make_directory(path, make_all != 0);
 }
 
 int file_rmdir(const char *dir, const char *exclude, int recurse) {

@@ -6,9 +6,9 @@
 //
 // Paths are at most 255 characters. A directory entry is always acted on under its true name,
 // relative to its open directory: a "\\" in it is an ordinary character, and an entry whose full
-// path does not fit is left alone with an error line. Links found in a listing are never followed
-// into. No operation blocks on a pipe, a socket or a device: sources are regular files or the null
-// device, targets are anything but pipes, sockets and directories.
+// path does not fit is left alone with an error line (excluded or not). Links found in a listing
+// are never followed into. No operation blocks on a pipe or a socket: sources are regular files or
+// the null device, targets are anything but pipes, sockets and directories.
 
 #include "installer/lib.h"
 
@@ -24,7 +24,8 @@
 namespace installer {
 
 /// A progress callback. `mode` is 1 for copying and creating, 0 for removing. `dst` is null but for
-/// a copied file; a failed copy with null arguments passes them on. errno is that of the failure.
+/// files copied, or not copied; a failed copy with null arguments passes them on. errno is that of
+/// the failure.
 using FileCallback = void (*)(const char *src, const char *dst, int mode);
 
 /// The callback pair: `xok` once per item handled, `xfail` once per item that failed; either may be
@@ -38,7 +39,8 @@ using FSInf = file_setup_inf;
 /// One directory entry. `name`: full path; `link`: for a symbolic link the text it points to (at
 /// most 255 characters) or "READLINK FAILED", else null; `info`: the entry's own status. `dir` and
 /// `entry` say how to reach it: `name + entry` relative to the directory `dir`. A record that only
-/// has its `name` set works as well.
+/// has its `name` set works as well. A listed entry must not be acted on once its enumeration has
+/// ended, for `dir` is closed then.
 struct file {
   char name[PathSize] = {};
   Text link;
@@ -121,8 +123,6 @@ public:
   Entries(const char *path, const char *wild, Walk walk = Walk::Types);
   /// All entries of a directory that a listing delivered; it must not have become a link since.
   explicit Entries(const file &directory, Walk walk = Walk::Types);
-  /// Internal to the module: a directory reached either way.
-  Entries(const Place &place, const char *wild, Walk walk);
   /// True when the listing failed, or had an entry that could not be delivered (logged).
   [[nodiscard]] bool incomplete() const { return handle_.incomplete; }
   /// True while there is an entry.
@@ -146,6 +146,8 @@ public:
   static End end() { return {}; }
 
 private:
+  friend struct Place;
+  Entries(const Place &place, const char *wild, Walk walk);
   void advance() { more_ = file_next(&entry_, &handle_) == 1; }
 
   xfilehandle handle_;
@@ -176,8 +178,8 @@ int file_copy_entry(File entry, const char *into, std::uint64_t *bytes);
 /// or fills.
 int file_xcopy_entry(File entry, const char *exclude, const char *into, std::uint64_t *bytes);
 
-/// While it lives, no tree copy walks into the directories given to `add`, nor into directories
-/// created meanwhile.
+/// While any of them lives, no tree copy walks into the directories given to `add`, nor into
+/// directories created meanwhile.
 class Filling {
 public:
   Filling();
@@ -185,9 +187,6 @@ public:
   Filling &operator=(const Filling &) = delete;
   ~Filling();
   void add(const char *directory);
-
-private:
-  std::size_t before_;
 };
 
 // ---- Directories, owners and modes ----

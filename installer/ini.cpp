@@ -19,8 +19,6 @@ constexpr std::size_t OpenerLength = 2;
 
 std::size_t at(std::int32_t index) { return static_cast<std::size_t>(index); }
 
-using Compare = int (*)(const char *, const char *);
-
 /// The first setting of that name, or -1. A table of settings holds tens of entries, and nearly
 /// all differ in the first character.
 std::int32_t find_setting(Ini x, const char *name) {
@@ -31,9 +29,14 @@ std::int32_t find_setting(Ini x, const char *name) {
   return -1;
 }
 
+unsigned char first_folded(const char *name) { return charmap[static_cast<unsigned char>(*name)]; }
+
 std::int32_t find_setting_any_case(Ini x, const char *name) {
-  for (std::int32_t i = 0; i < x->items; ++i)
-    if (s_stricmp(text_of(x->list[at(i)].setting), name) == 0) return i;
+  const unsigned char first = first_folded(name);
+  for (std::int32_t i = 0; i < x->items; ++i) {
+    const char *setting = text_of(x->list[at(i)].setting);
+    if (first_folded(setting) == first && s_stricmp(setting, name) == 0) return i;
+  }
   return -1;
 }
 
@@ -113,7 +116,7 @@ int do_add(Ini x, std::int32_t index, const char *value) {
 
 /// A "$(name)" in a text. `name` is cut at 999 characters; `closed`: a ")" stands behind it.
 struct Reference {
-  std::string name;
+  char name[LineSize];
   const char *end;
   bool closed;
 };
@@ -122,7 +125,11 @@ Reference read_reference(const char *opener) {
   const char *name = opener + OpenerLength;
   const std::size_t length = std::min(std::strcspn(name, ")"), LineSize - 1);
   const char *end = name + length;
-  return {std::string(name, length), *end == '\0' ? end : end + 1, *end == ')'};
+  Reference reference;
+  scpy(reference.name, name, length + 1);
+  reference.end = *end == '\0' ? end : end + 1;
+  reference.closed = *end == ')';
+  return reference;
 }
 
 /// What a reference to setting `index` stands for while stored values are rewritten.
@@ -137,8 +144,8 @@ Rewrite rewrite_once(Ini x, std::string &value) {
   const char *upto = value.c_str();
   while ((upto = std::strstr(upto, Opener)) != nullptr) {
     const Reference reference = read_reference(upto);
-    const std::int32_t index = find_setting_any_case(x, reference.name.c_str());
-    const std::string pattern = Opener + reference.name + ")";
+    const std::int32_t index = find_setting_any_case(x, reference.name);
+    const std::string pattern = Opener + std::string{reference.name} + ")";
     if (index < 0 || !reference.closed || pattern.size() >= LineSize) {
       ++upto;
       continue;
@@ -159,7 +166,7 @@ void resolve(Ini x, std::int32_t index, std::string &value) {
   for (int count = 0; outcome == Rewrite::Changed; ++count)
     outcome = count < MostRewrites ? rewrite_once(x, value) : Rewrite::Stuck;
   if (outcome == Rewrite::Stuck)
-    emsg("Setting '%s' refers back to itself, its value stays '%s'",
+    emsg("Setting '%s' is not resolved any further, its value stays '%s'",
          text_of(x->list[at(index)].setting), value.c_str());
 }
 
@@ -219,7 +226,7 @@ void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz) {
     std::memcpy(result + index, upto, literal);
     index += literal;
     const Reference reference = read_reference(opener);
-    index += scpy(result + index, ini_value_name(x, reference.name.c_str()), bfsz - index);
+    index += scpy(result + index, ini_value_name(x, reference.name), bfsz - index);
     upto = reference.end;
   }
   scpy(result + index, upto, bfsz - index);

@@ -127,7 +127,7 @@ int ini_add_name(Ini x, const char *name, const char *value);
 /// as it is, as far as it fits. Nothing at all when `x` or `string` is null.
 void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz);
 /// ini_replace for a path. 0 with errno ENAMETOOLONG and the empty text when the result does not
-/// fit, so that a cut path is never used.
+/// fit, so that a cut path is never used. 1 and the empty text when `x` or `string` is null.
 [[nodiscard]] int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz);
 /// Rewrites the stored values: each reference to a setting (compared without case) is replaced by
 /// its value if it has `Ini_Replace`, else by nothing, and the value is examined again from its

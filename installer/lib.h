@@ -6,7 +6,7 @@
 //
 // Buffers: a `char *buffer` comes with its full size `bfsz`, terminator included. The result stays
 // within bfsz - 1 characters and is terminated; what does not fit is cut without notice. A null
-// text never faults; what it gives instead stands with each routine.
+// text never faults in a routine that says what it gives instead; elsewhere it is not allowed.
 
 #include <array>
 #include <cerrno>

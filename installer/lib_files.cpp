@@ -74,10 +74,16 @@ int read_text(const char *file, std::string &text) {
   if (!stream) return 0;
   struct ::stat info = {};
   const bool sized = ::fstat(::fileno(stream.get()), &info) == 0 && info.st_size > 0;
+  const auto size = static_cast<std::size_t>(sized ? info.st_size : 0);
+  text.clear();
+  if (size > text.max_size()) {
+    errno = ENOMEM;
+    return 0;
+  }
   // One step to the whole size: a file that memory cannot hold is refused before it is read.
-  if (sized) text.reserve(static_cast<std::size_t>(info.st_size));
-  char piece[LineSize - 1];
-  while (const std::size_t count = std::fread(piece, 1, sizeof piece - 1, stream.get()))
+  text.reserve(size);
+  char piece[LineSize - 2];
+  while (const std::size_t count = std::fread(piece, 1, sizeof piece, stream.get()))
     text.append(piece, count);
   return std::ferror(stream.get()) == 0 ? 1 : 0;
 }

@@ -42,6 +42,14 @@ const char *time_text() {
   return text;
 }
 
+/// Only a regular file is moved away, and no name is ever used cut.
+bool can_rotate(Log x) {
+  constexpr std::size_t longest_suffix = 32;
+  struct ::stat info = {};
+  return std::strlen(x->File) + longest_suffix < LineSize && ::stat(x->File, &info) == 0 &&
+         S_ISREG(info.st_mode);
+}
+
 void backup_name(Log x, int number, char (&name)[LineSize - 1]) {
   lprintf(name, sizeof name, "%s%d", x->File, number);
 }
@@ -65,9 +73,14 @@ void flush_line(Log x, std::uint32_t written) {
 }
 
 void queue_error(const char *text) {
+  // A queue that cannot grow reports so, which would be queued again.
+  static bool queueing = false;
+  if (queueing) return;
+  queueing = true;
   if (EmsgLog == nullptr) EmsgLog = array_init<std::string>();
   auto copy = std::make_unique<std::string>(text);
   if (array_add(EmsgLog, copy.get()) != 0) static_cast<void>(copy.release());
+  queueing = false;
 }
 
 /// True when the current log takes messages of level `l`; errors it takes unless it is silent.
@@ -133,8 +146,9 @@ int log_rotate(Log x) {
   // Two numbers that differ from those of an earlier run that was killed half-way.
   lprintf(temporary, sizeof temporary, "%s.%05d%05d", x->File, static_cast<int>(::getpid()),
           static_cast<int>(std::time(nullptr) % 100000));
+  const bool movable = can_rotate(x);
   log_close(x);
-  const bool moved = std::rename(x->File, temporary) == 0;
+  const bool moved = movable && std::rename(x->File, temporary) == 0;
   const int opened = log_open(x, x->File);
   x->Held = moved ? 0 : x->Size;
   if (moved) shift_backups(x, temporary);
