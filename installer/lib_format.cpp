@@ -85,10 +85,10 @@ struct Output {
 
   /// The platform renders straight into what is left, which cuts as we want it; it returns the
   /// full length, or -1 for what it cannot render.
-  template <class T> void render(const std::string &specification, T value) {
+  template <class T> void render(const std::string &conversion, T value) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const int count = std::snprintf(buffer + used, size - used, specification.c_str(), value);
+    const int count = std::snprintf(buffer + used, size - used, conversion.c_str(), value);
 #pragma GCC diagnostic pop
     if (count > 0) used += std::min(static_cast<std::size_t>(count), room());
   }
@@ -106,30 +106,30 @@ void collect_number(const char **format, std::string &number, Arguments &argumen
 /// Collects "%", flags, width and precision with the stars filled in. A negative width becomes the
 /// flag "-"; a negative precision counts as none, both as the C standard has it.
 std::string collect(const char **format, Arguments &arguments) {
-  std::string specification{"%"};
-  for (; **format != '\0' && std::strchr("-+0 #", **format); ++*format) specification += **format;
+  std::string conversion{"%"};
+  for (; **format != '\0' && std::strchr("-+0 #", **format); ++*format) conversion += **format;
   std::string number;
   collect_number(format, number, arguments);
-  specification += number;
-  if (**format != '.') return specification;
+  conversion += number;
+  if (**format != '.') return conversion;
   ++*format;
   number.clear();
   collect_number(format, number, arguments);
-  if (number.starts_with('-')) return specification;
-  return specification.append(1, '.').append(number);
+  if (number.starts_with('-')) return conversion;
+  return conversion.append(1, '.').append(number);
 }
 
-void convert_text(Output &out, const std::string &specification, const void *text, char letter) {
+void convert_text(Output &out, const std::string &conversion, const void *text, char letter) {
   const auto *narrow = static_cast<const char *>(text);
   if (text == nullptr) out.put("(NULL)", 6);
-  else if (letter == 'S') out.render(specification, static_cast<const wchar_t *>(text));
-  else if (specification == "%s") out.put(narrow, ::strnlen(narrow, out.room()));
-  else out.render(specification, narrow);
+  else if (letter == 'S') out.render(conversion, static_cast<const wchar_t *>(text));
+  else if (conversion == "%s") out.put(narrow, ::strnlen(narrow, out.room()));
+  else out.render(conversion, narrow);
 }
 
 /// One conversion. A letter that is not known takes no argument and gives nothing.
-void convert(Output &out, std::string specification, char letter, Arguments &arguments) {
-  specification += letter;
+void convert(Output &out, std::string conversion, char letter, Arguments &arguments) {
+  conversion += letter;
   switch (letter) {
   case 'd':
   case 'i':
@@ -137,16 +137,16 @@ void convert(Output &out, std::string specification, char letter, Arguments &arg
   case 'u':
   case 'x':
   case 'X':
-  case 'c': return out.render(specification, arguments.integer());
-  case 'C': return out.render(specification, static_cast<std::wint_t>(arguments.integer()));
+  case 'c': return out.render(conversion, arguments.integer());
+  case 'C': return out.render(conversion, static_cast<std::wint_t>(arguments.integer()));
   case 'e':
   case 'E':
   case 'f':
   case 'g':
-  case 'G': return out.render(specification, va_arg(arguments.list, double));
+  case 'G': return out.render(conversion, va_arg(arguments.list, double));
   case 's':
-  case 'S': return convert_text(out, specification, va_arg(arguments.list, const void *), letter);
-  case 'p': return out.render(specification, va_arg(arguments.list, const void *));
+  case 'S': return convert_text(out, conversion, va_arg(arguments.list, const void *), letter);
+  case 'p': return out.render(conversion, va_arg(arguments.list, const void *));
   case 'n': *va_arg(arguments.list, int *) = static_cast<int>(out.used); return;
   default: return;
   }
@@ -160,9 +160,9 @@ void write_format(Output &out, const char *format, Arguments &arguments) {
       if (c == '%') ++format;
       continue;
     }
-    const std::string specification = collect(&format, arguments);
+    const std::string conversion = collect(&format, arguments);
     if (*format == '\0') return;
-    convert(out, specification, *format++, arguments);
+    convert(out, conversion, *format++, arguments);
   }
 }
 
