@@ -1,0 +1,365 @@
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace installer {
+namespace {
+
+namespace fs = std::filesystem;
+using Arguments = std::vector<std::string>;
+
+const Arguments Automate = {"-automate"};
+
+// A dialogue is written down as it looks on a terminal. What the operator types stands in braces; a
+// line end behind them is typed as well. "@name" is an abbreviation.
+
+const Tree abbreviations = {
+    {"@banner", R"(======================================================
+             Welcome to the @product installer
+ You will be asked a series of questions, for each a
+ default answer will be provided (thus), to accept the
+ default simply press <enter>, otherwise enter a new
+ answer and press <enter>
+======================================================
+)"                    },
+    {"@menu",   "\n1. Install @product\n2. Upgrade @product\n3. Remove @product\n4. Exit\n\n"},
+    {"@choose", "@menuWhat would you like to do[1]? "                                        },
+    {"@review", "Do you want to change your answers [n]? "                                   },
+    {"@exit",   "\n<Press enter to exit>"                                                    },
+};
+
+void replace_all(std::string &text, const std::string &word, const std::string &with) {
+  for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos;)
+    text.replace(at, word.size(), with);
+}
+
+/// Has the dialogue; through a pipe typing does not show.
+void talk(Via via, const Arguments &arguments, std::string dialogue, Tree words,
+          const Start &start = {}) {
+  words.insert(abbreviations.begin(), abbreviations.end());
+  for (int nesting = 0; nesting < 5; ++nesting)
+    for (const auto &[word, text] : words) replace_all(dialogue, word, text);
+  std::string input;
+  for (std::size_t at = 0; (at = dialogue.find('{', at)) != std::string::npos;) {
+    const std::size_t close = dialogue.find('}', at);
+    const bool line_end = dialogue[close + 1] == '\n';
+    const std::string typed = dialogue.substr(at + 1, close - at - 1) + (line_end ? "\n" : "");
+    input += typed;
+    dialogue.replace(at, close + 1 + (line_end ? 1 : 0) - at, via == Via::Pty ? typed : "");
+  }
+  Outcome outcome = run(arguments, input, via, start);
+  std::erase(outcome.console, '\r');
+  EXPECT_EQ(outcome.console, dialogue);
+  EXPECT_EQ(outcome.status, 0);
+}
+
+// ---- The demo product ----
+
+/// It lies in a scratch directory of its own, and its directory is the working one.
+struct Demo : testing::TestWithParam<Via> {
+  Demo() {
+    fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", "product", fs::copy_options::recursive);
+    fs::current_path("product");
+    payload = read_tree("files/board");
+    payload.erase("doc/french.draft");
+    words["@payload"] = size_of(payload);
+    words["@product"] = "Notice Board";
+    words["@blurb"] = R"(- look at its settings in conf/board.conf; an upgrade leaves them alone
+- let the installer write a site file for your web server: -special web
+- send an empty mail to me@b.org to see whether it arrives
+)";
+  }
+
+  /// A dialogue after changes of the product's settings: the first of a name wins.
+  void converse(Via via, const Arguments &arguments, const std::string &presets,
+                const std::string &dialogue) const {
+    write_file("noticeboard.dat", presets + read_file("noticeboard.dat"));
+    talk(via, arguments, "ERROR: Cannot find httpd.conf file\n@banner" + dialogue, words,
+         {.name = "./noticeboard"});
+  }
+
+  static std::string size_of(const Tree &tree) {
+    std::size_t size = 0;
+    for (const auto &[name, text] : tree) size += text.size();
+    return std::to_string(size);
+  }
+
+  TempDir scratch;
+  Tree payload;
+  Tree words;
+};
+
+TEST_F(Demo, WholeLifeUnattended) {
+  Tree tree = payload;
+  for (const auto &[name, text] : read_tree("files/samples")) tree["notices/" + name] = text;
+  const bool root = ::geteuid() == 0; // who alone can give the notices away
+  const std::string presets = root ? "change_owner yes\nadmin me@b.org\n" : "admin me@b.org\n";
+  words["@bytes"] = size_of(tree);
+  words["@files"] = root ? "34" : "30";
+  words["@here"] = fs::current_path();
+  converse(Via::Pipe, Automate, presets, R"(@menu[Install]
+Copying files[....................]
+Success @bytes bytes in @files files copied
+
+Once "Notices" is in @here/../noticeboard:
+@blurb)");
+  for (const char *directory : {"conf/", "log/", "notices/"}) tree[directory] = "";
+  tree["conf/version"] = "2.1";
+  tree["conf/language"] = "en";
+  tree["html/index.html"] = tree["html/welcome.en.html"];
+  for (const char *page : {"html/welcome.de.html", "html/welcome.en.html"}) tree.erase(page);
+  const std::string settings = read_file("../noticeboard/conf/board.conf");
+  EXPECT_NE(settings.find("\ntitle=\"Notices\"\nadmin=\"me@b.org\"\npage_size=20\n"),
+            std::string::npos);
+  tree["conf/board.conf"] = settings;
+  EXPECT_EQ(read_tree("../noticeboard"), tree);
+  struct ::stat info = {};
+  EXPECT_EQ(::stat("../noticeboard/cgi/post.cgi", &info), 0);
+  EXPECT_EQ(info.st_mode & 07777U, 0755U);
+  EXPECT_EQ(::stat("../noticeboard/notices/rules.txt", &info), 0);
+  EXPECT_EQ(info.st_uid, root ? ::getpwnam("daemon")->pw_uid : ::geteuid());
+
+  // An upgrade is the default once the board is there. It mends what it owns, and nothing else.
+  tree["conf/board.conf.new"] = settings;
+  for (const char *file : {"conf/previous.conf", "conf/board.conf", "notices/mine.txt"})
+    write_file("../noticeboard/" + std::string{file}, tree[file] = "mine");
+  write_file("../noticeboard/html/index.html", "broken");
+  fs::remove("../noticeboard/doc/guide.txt");
+  converse(Via::Pipe, Automate, "",
+           "@menu[Upgrade]\nCopying files[.........]\nSuccess @payload bytes in 22 files copied\n");
+  EXPECT_EQ(read_tree("../noticeboard"), tree);
+
+  converse(Via::Pipe, {"-automate", "-special", "web"}, "",
+           "[web]\nExecuting[]\n Success 3 files done.\n");
+  EXPECT_TRUE(fs::exists("../noticeboard/noticeboard-site.conf"));
+
+  // With the site file and the board itself. The 7 directories in it show a second dot.
+  words["@dots"] = std::string(tree.size() + 2 + 7, '.');
+  words["@files"] = std::to_string(tree.size() + 2);
+  converse(Via::Pipe, {"-automate", "-special", "remove"}, "",
+           "[remove]\nExecuting[@dots]\n Success @files files done.\n");
+  fs::current_path("..");
+  fs::remove_all("product");
+  EXPECT_TRUE(read_tree(".").empty());
+}
+
+TEST_P(Demo, Interactive) {
+  Tree copied = payload;
+  copied["own notice"] = read_file("blurb.txt");
+  words["@bytes"] = size_of(copied);
+  converse(GetParam(), {}, "dir ../board\nadmin me@b.org\nsource files\n", R"(@choose{}
+[Install]
+Directory for the board (full path) [../board]? {../hall/}
+Language of the pages, en or de [en]? {de}
+Notices on a page [20]? {5}
+May everybody post a notice [y]? {NO}
+Hang up samples, a notice of your own or none
+(samples/own/none) [samples]? {own}
+File with your notice [files/samples/welcome.txt]? {/none}
+Error: File '/none' must exist, No such file or directory, please try again
+File with your notice [files/samples/welcome.txt]? {blurb.txt}
+Log file, below the directory of the board unless it is a full path
+[log/board.log]? {}
+Should the notices belong to another user (only root can do that) [n]? {}
+Name of the board [Notices]? {Town Hall  }
+Mail address of its keeper [me@b.org]? {}
+In ../hall there will be the board "Town Hall", with me@b.org as its keeper. Is
+that right [y]? {n}
+Name of the board [Town Hall]? {}
+Mail address of its keeper [me@b.org]? {}
+In ../hall there will be the board "Town Hall", with me@b.org as its keeper. Is
+that right [y]? {}
+@review{}
+Copying files[..................]
+Success @bytes bytes in 28 files copied
+
+Once "Town Hall" is in ../hall:
+@blurb@exit)");
+  converse(GetParam(), {}, "", R"(@choose{2}
+[Upgrade]
+Directory of the board [../board]? {../hall}
+Language of the pages, en or de [en]? {}
+Your settings stay as they are. Keep a copy of them as well [y]? {}
+Name of the copy [previous]? {/tmp/old.conf}
+@review{}
+Copying files[.........]
+Success @payload bytes in 22 files copied
+@exit)");
+  EXPECT_EQ(read_file("../hall/html/index.html"), payload["html/welcome.en.html"]);
+  EXPECT_TRUE(fs::exists("../hall/conf/old.conf"));
+  converse(GetParam(), {}, "", R"(@choose{3}
+[Remove]
+Directory of the board [../board]? {../hall}
+Keep the notices [n]? {y}
+Remove the board from ../hall now [y]? {}
+@review{}
+Removing files[...................]
+ Success 19 files removed
+@exit)");
+  EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty));
+
+// ---- Small products ----
+
+/// The product "pkg", with another text for one of its files, or without that file.
+void write_product(const std::string &changed = {}, const char *text = nullptr) {
+  Tree files;
+  files["pkg.dat"] = "product P\ne no\n";
+  files["pkg.int"] = "";
+  files["pkg.q"] = "[install]\nText a - - h A\n[w]\n";
+  files["pkg.cpy"] = "[install]\nWFile out a\n[W]\nWFile out a\nRmFile out.* -\n";
+  files["blurb.txt"] = "Bye\n";
+  files.erase(changed);
+  if (text != nullptr) files[changed] = text;
+  for (const auto &[file, lines] : files) write_file(file, lines);
+}
+
+struct Small : testing::TestWithParam<Via> {
+  /// A dialogue with the product, changed as said, that leaves `out` in its one file. It is an
+  /// unattended run if it starts with "@auto".
+  void expect(const std::string &dialogue, const std::string &out, const std::string &changed = {},
+              const char *text = nullptr, Arguments arguments = {}) const {
+    SCOPED_TRACE(dialogue);
+    const TempDir dir;
+    write_product(changed, text);
+    if (dialogue.starts_with("@auto")) arguments.emplace_back("-automate");
+    Tree words;
+    words["@product"] = "P";
+    words["@1"] = "@banner@choose{1}\n[Install]\n";
+    words["@auto"] = "@banner@menu[Install]\n";
+    words["@no"] = "That is not a recognised option, please try again\n";
+    words["@done"] = "Copying files[]\nSuccess 0 bytes in 1 files copied\n";
+    words["@bye"] = "\nBye\n";
+    words["@here"] = dir.path();
+    talk(GetParam(), arguments, dialogue, words);
+    EXPECT_EQ(read_file("out"), out);
+  }
+};
+
+TEST_P(Small, Dialogues) {
+  const char *two = "[install]\nText a - - h A\nText b - - h B\n";
+  const char *loop = "[install]\nExist . here\nLoop e 0";
+  // The menu.
+  expect("@banner@choose{abc}\n@no@choose{0}\n@no@choose{6}\n@no@choose{ 4 }\n@exit", "");
+  expect("@banner@choose{-1}\n@no@choose{5}\n[special]\n@exit", "", {}, {}, {"--automate", "x"});
+  expect("@banner@choose@exit", "");
+  // Replies, and their end.
+  expect("@1A []? {x y }\n@review{}\n@done@bye@exit", "x y");
+  expect("@1A []? {x}@review@done@bye@exit", "x");
+  expect("@1A []? @choose@exit", "");
+  expect("@1A []? {x}\nB []? {Q}\n@choose{}\n[Install]\nA [x]? {q}\n@choose{4}\n@exit", "", "pkg.q",
+         two);
+  expect("@1A []? {b}\nA []? {quit}\nB []? {B}\nA [quit]? {}\nB []? {}\nError: You must enter an "
+         "answer, please try again\nB []? {x}\n@review{Yes}\nA [quit]? {y}\nB [x]? {}\n"
+         "@review{maybe}\n@done@bye@exit",
+         "y", "pkg.q", two);
+  // Entries that are not asked.
+  expect("@1Error: No $(product)\n@bye@exit", "", "pkg.q", "[install]\nError e h No $(product)");
+  expect("@banner@choose{2}\n[Upgrade]\nError: No P\n@exit", "", "pkg.q",
+         "[upgrade]\nError e h No $(product)");
+  expect("@1Error: The questions repeat without end\n@bye@exit", "", "pkg.q", loop);
+  // Unattended.
+  expect("@autoError: The questions repeat without end\n@bye", "", "pkg.q", loop);
+  expect("@auto@done@bye", "a", "pkg.q", "[install]\nLoop e -1\nText a - - h A");
+  expect("@auto@done@bye", "1", "pkg.dat", "product P\na 1");
+  expect("@auto", "", "pkg.dat", "product P\na Q");
+  expect("@autoError: Cannot go back from question 'a' unattended\n@bye", "", "pkg.dat",
+         "product P\na b");
+  expect("@autoError: You must answer either Yes or No, please try again\n@bye", "", "pkg.q",
+         "[install]\nYN a - - h A");
+  expect("@banner[w]\nExecuting[]\n Success 1 files done.\n", "a", {}, {},
+         {"-special", "x", "-automate", "-special", "w"});
+  // Files.
+  expect("@exit", "", "pkg.dat");
+  expect("Error: Failed to load init file '@here/pkg.int', Failed to read '@here/pkg.int', No such "
+         "file or directory\n@exit",
+         "", "pkg.int");
+  expect("@banner@menuWhat would you like to do[2]? {}\n[Upgrade]\n@exit", "", "pkg.int",
+         "Copy action upgrade - -");
+  expect("@1@bye@exit", "", "pkg.q");
+  expect("@auto@bye", "", "pkg.cpy");
+  expect("@autoCopying files[]\nFailed, Not P@bye", "", "pkg.cpy",
+         "[install]\nError e Not $(product)\nWFile out x");
+  expect("@auto@done\nFor P\n\n!\n", "", "blurb.txt", " \tFor $(product) \n\n$(none)!");
+  expect("@auto@done", "", "blurb.txt");
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty));
+
+// ---- Starting the program ----
+
+TEST(Start, NameAndLog) {
+  for (const char *name : {"./pkg.setup.bin", "/opt/x.d/pkg", "pkg", "a\\pkg.exe"}) {
+    SCOPED_TRACE(name);
+    const TempDir dir;
+    write_product("pkg.q", "[install]\n");
+    EXPECT_EQ(run(Automate, "4\n", Via::Pipe, {.name = name}).unread, 2);
+    EXPECT_EQ(read_file("out"), "a");
+    const std::string log = read_log("pkg.log");
+    EXPECT_EQ(log.find("Info: Log file opened in '" + dir.path("pkg.log") +
+                       "'\nInfo: Automated install/upgrade...\nInfo: host="),
+              0U);
+    EXPECT_TRUE(log.ends_with("\nInfo: Copy script completed successfully\n")) << log;
+  }
+}
+
+TEST(Start, OptionsThatEndTheRun) {
+  const TempDir dir;
+  const Outcome version = run({"-debug", "-version", "-special"});
+  EXPECT_EQ(version.console, "Installer version 1.0d\n");
+  EXPECT_EQ(version.status, 0);
+  const Outcome special = run({"-automate", "-special"});
+  EXPECT_EQ(special.console, "Usage: install -special <tag>\n");
+  EXPECT_EQ(WEXITSTATUS(special.status), 1);
+  const std::string opened = "Info: Log file opened in '" + dir.path("pkg.log") + "'\n";
+  EXPECT_EQ(read_log("pkg.log"), opened + "Info: Logging set to debug\n" + opened +
+                                     "Info: Automated install/upgrade...\n");
+}
+
+void go_deep() {
+  const std::string name(200, 'd');
+  fs::create_directories(name + "/" + name);
+  fs::current_path(name + "/" + name);
+}
+void leave_no_directory() { fs::remove_all(fs::current_path()); }
+void close_all() {
+  for (int fd : {0, 1, 2}) ::close(fd);
+}
+void lose_console() {
+  std::array<int, 2> ends{};
+  if (::pipe(ends.data()) == 0) ::dup2(ends[1], 1);
+  for (int fd : ends) ::close(fd);
+}
+
+TEST(Start, OddSurroundings) {
+  const struct {
+    const char *name;
+    void (*prepare)();
+    const char *console, *out;
+  } rows[] = {
+      {"",    nullptr,            "",                                                "" },
+      {"pkg", go_deep,            "Error: The path of the data files is too long\n", "" },
+      {"pkg", leave_no_directory, "",                                                "" },
+      {"pkg", close_all,          "",                                                "a"},
+      {"pkg", lose_console,       "",                                                "a"},
+  };
+  for (const auto &row : rows) {
+    const TempDir dir;
+    write_product("pkg.q", "[install]\n");
+    const Outcome outcome = run(Automate, "", Via::Pipe, {row.name, row.prepare});
+    EXPECT_EQ(outcome.console, row.console);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(read_file(dir.path("out")), row.out);
+  }
+}
+
+} // namespace
+} // namespace installer

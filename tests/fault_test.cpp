@@ -1,0 +1,168 @@
+// Runs of the real program while the system fails it: single system calls that fail, death at any
+// moment, limits. Whatever happens the run ends by itself, tells of what it could not do, and can
+// be run again.
+
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace installer {
+
+namespace {
+
+// Leaks cannot be looked for under ptrace.
+constexpr const char *NoLeakCheck = "detect_leaks=0";
+// The fault hit what starts the program, not the program.
+constexpr int LoaderFailed = 127;
+constexpr const char *SanitizerFailed = "LeakSanitizer has encountered";
+
+/// A product that uses every command which touches files, in the current directory.
+void write_product() {
+  write_file("installer.dat", "to $(current_dir)/out\nport 80\nuser root\n");
+  write_file("installer.int",
+             "WFile $(current_dir)/stamp port - -\nRFile $(current_dir)/stamp seen - -\n");
+  write_file("installer.q", "[install]\nText port - - h Port?\n");
+  write_file("blurb.txt", "Installed in $(to)\n");
+  write_file("installer.cpy",
+             "[install]\nMkDir $(to)/a/b\nCopyDir src/* - $(to)\nRmDir $(to)/old -\n"
+             "CopyFile src/one - $(to)/a\nRename $(to)/a/one $(to)/a/first\n"
+             "Ini src/t.ini $(to)/pkg.ini\nWFile $(to)/port port\nRFile $(to)/port got\n"
+             "Chmod $(to)/* - 750\nMkDir $(to)/gone\nWFile $(to)/gone/x port\n"
+             "RmFile $(to)/gone/x -\nRmDir $(to)/gone -\nExist $(to)/pkg.ini have\n"
+             "Error have The settings file is missing\n");
+  write_file("src/t.ini", "[main]\n  Port=$(port)\n");
+  write_file("src/one", "1");
+  write_file("src/old/stale", "x");
+  write_file("src/deep/er/two", std::string(20000, '2'));
+}
+
+Outcome install(void (*prepare)() = nullptr) {
+  return run({"-automate"}, {}, Via::Pipe, {.name = "./installer", .prepare = prepare});
+}
+
+Tree expected_tree() {
+  const TempDir scratch;
+  write_product();
+  install();
+  return read_tree("out");
+}
+
+/// The console or the log says that something failed.
+bool told(const std::string &console) {
+  const std::string all = "\n" + console + "\n" + read_log("installer.log");
+  return all.find("\nError: ") != std::string::npos || all.find("\nFailed, ") != std::string::npos;
+}
+
+std::string strace(const std::string &inject) {
+  return "timeout 60 strace -f -o trace -e trace=" + inject.substr(0, inject.find(':')) +
+         " -e inject=" + inject + " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null";
+}
+
+TEST(Fault, EverySystemCallFailingOnce) {
+  ::setenv("ASAN_OPTIONS", NoLeakCheck, 1);
+  if (std::system("strace -o /dev/null true 2>/dev/null") != 0)
+    GTEST_SKIP() << "strace may not trace here";
+  const Tree complete = expected_tree();
+  const struct {
+    const char *call, *error;
+    int step;
+  } rows[] = {
+      {"write",      "ENOSPC", 9},
+      {"read",       "EIO",    2},
+      {"openat",     "EMFILE", 2},
+      {"rename",     "EACCES", 1},
+      {"mkdir",      "ENOSPC", 1},
+      {"unlinkat",   "EBUSY",  1},
+      {"fchmodat",   "EPERM",  1},
+      {"close",      "EIO",    2},
+      {"getdents64", "EIO",    1},
+  };
+  for (const auto &row : rows) {
+    int runs = 0;
+    for (int when = 1;; when += row.step, ++runs) {
+      const TempDir scratch;
+      write_product();
+      const std::string at =
+          std::string{row.call} + ":error=" + row.error + ":when=" + std::to_string(when);
+      const int status = std::system(strace(at).c_str());
+      if (read_file("trace").find("(INJECTED)") == std::string::npos) break;
+      const std::string console = read_file("console");
+      if (WEXITSTATUS(status) == LoaderFailed || console.find(SanitizerFailed) != console.npos)
+        continue;
+      ASSERT_EQ(status, 0) << at << "\n" << console;
+      EXPECT_TRUE(told(console) || read_tree("out") == complete) << at << "\n" << console;
+      install();
+      EXPECT_EQ(read_tree("out"), complete) << "run again after " << at;
+    }
+    EXPECT_GT(runs, 0) << row.call;
+  }
+}
+
+/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
+bool run_and_kill(int last) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
+    ::_exit(LoaderFailed);
+  }
+  int status = 0;
+  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    if (stops == 2 * last) ::kill(pid, SIGKILL);
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+  }
+  return WIFSIGNALED(status);
+}
+
+TEST(Fault, KilledAtEveryTenthSystemCall) {
+  ::setenv("ASAN_OPTIONS", NoLeakCheck, 1);
+  const Tree complete = expected_tree();
+  int kills = 0;
+  for (bool killed = true; killed; ++kills) {
+    const TempDir scratch;
+    write_product();
+    killed = run_and_kill(10 * (kills + 1));
+    install();
+    ASSERT_EQ(read_tree("out"), complete) << "after kill " << kills;
+  }
+  EXPECT_GT(kills, 10);
+}
+
+void limit(int resource, ::rlim_t most) {
+  const struct ::rlimit limits = {most, most};
+  ::setrlimit(static_cast<__rlimit_resource_t>(resource), &limits);
+}
+
+TEST(Fault, Limits) {
+  const Tree complete = expected_tree();
+  const struct {
+    void (*prepare)();
+    bool completes;
+  } rows[] = {
+      {[] { limit(RLIMIT_FSIZE, 16000); }, false},
+      {[] { limit(RLIMIT_NOFILE, 32); },   true },
+  };
+  for (const auto &row : rows) {
+    const TempDir scratch;
+    write_product();
+    const Outcome outcome = install(row.prepare);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(read_tree("out") == complete, row.completes);
+    EXPECT_EQ(told(outcome.console), !row.completes) << outcome.console;
+    install();
+    EXPECT_EQ(read_tree("out"), complete);
+  }
+}
+
+} // namespace
+
+} // namespace installer

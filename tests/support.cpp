@@ -1,0 +1,154 @@
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace installer {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr unsigned TimeLimit = 60; // seconds
+constexpr char EndOfFile = '\4';
+
+void write_all(int fd, const std::string &text) {
+  EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<::ssize_t>(text.size()));
+}
+
+/// What leads to the program and what comes from it; [0] is the end to read from, [1] to write to.
+struct Connection {
+  std::array<int, 2> to{};
+  std::array<int, 2> from{};
+};
+
+/// The terminal does not control a session, whose end would discard what was not read yet.
+Connection connect(Via via) {
+  Connection c;
+  const bool made = via == Via::Pty
+                        ? ::openpty(&c.from[0], &c.from[1], nullptr, nullptr, nullptr) == 0
+                        : ::pipe(c.to.data()) == 0 && ::pipe(c.from.data()) == 0;
+  if (!made) std::abort();
+  if (via == Via::Pty) c.to = {::dup(c.from[1]), ::dup(c.from[0])};
+  for (int fd : {c.to[0], c.to[1], c.from[0], c.from[1]}) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return c;
+}
+
+[[noreturn]] void start_program(const Connection &c, std::vector<std::string> arguments,
+                                const Start &start) {
+  ::dup2(c.to[0], STDIN_FILENO);
+  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
+  arguments.insert(arguments.begin(), start.name);
+  std::vector<char *> argv;
+  for (std::string &argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  ::alarm(TimeLimit); // outlives the exec
+  if (start.prepare != nullptr) start.prepare();
+  ::execv(INSTALLER_PROGRAM, argv.data());
+  ::_exit(127);
+}
+
+/// Types the next line, or the end of file. It takes two of these behind a line without an end: the
+/// first one only delivers that line.
+void type_line(int terminal, std::string &input) {
+  const std::size_t end = input.find('\n');
+  std::string line = input.substr(0, end == std::string::npos ? end : end + 1);
+  input.erase(0, line.size());
+  if (end == std::string::npos) line.append(line.empty() ? 1 : 2, EndOfFile);
+  write_all(terminal, line);
+}
+
+} // namespace
+
+TempDir::TempDir(bool enter) {
+  std::string name = (fs::canonical(fs::temp_directory_path()) / "installer-test.XXXXXX").string();
+  if (::mkdtemp(name.data()) == nullptr) std::abort();
+  path_ = name;
+  if (!enter) return;
+  back_ = fs::current_path();
+  fs::current_path(path_);
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  if (!back_.empty()) fs::current_path(back_, ignored);
+  fs::remove_all(path_, ignored);
+}
+
+std::string TempDir::path(const std::string &name) const {
+  return name.empty() ? path_.string() : (path_ / name).string();
+}
+
+void write_file(const std::string &path, const std::string &text) {
+  if (fs::path{path}.has_parent_path()) fs::create_directories(fs::path{path}.parent_path());
+  std::ofstream{path, std::ios::binary} << text;
+}
+
+std::string read_file(const std::string &path) {
+  std::ifstream stream{path, std::ios::binary};
+  return {std::istreambuf_iterator<char>{stream}, {}};
+}
+
+std::string read_log(const std::string &path) {
+  static const std::regex prefix{R"(^\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d  \[\d+\] )"};
+  std::istringstream stream{read_file(path)};
+  std::string lines;
+  for (std::string line; std::getline(stream, line);) {
+    EXPECT_TRUE(std::regex_search(line, prefix)) << line;
+    lines += std::regex_replace(line, prefix, "") + "\n";
+  }
+  return lines;
+}
+
+Tree read_tree(const std::string &path) {
+  Tree tree;
+  for (const fs::directory_entry &entry : fs::recursive_directory_iterator{path}) {
+    const std::string name = entry.path().lexically_relative(path).string();
+    if (entry.is_symlink()) tree[name] = "-> " + fs::read_symlink(entry.path()).string();
+    else if (entry.is_directory()) tree[name + "/"] = "";
+    else tree[name] = read_file(entry.path().string());
+  }
+  return tree;
+}
+
+Outcome run(const std::vector<std::string> &arguments, const std::string &input, Via via,
+            const Start &start) {
+  const Connection c = connect(via);
+  if (via == Via::Pipe) write_all(c.to[1], input), ::close(c.to[1]);
+  const ::pid_t pid = ::fork();
+  if (pid == 0) start_program(c, arguments, start);
+  ::close(c.from[1]);
+  if (via == Via::Pty) ::close(c.to[0]);
+
+  Outcome outcome;
+  std::string untyped = input;
+  std::array<char, 4096> buffer{};
+  for (::ssize_t got = 0; (got = ::read(c.from[0], buffer.data(), buffer.size())) > 0;) {
+    outcome.console.append(buffer.data(), static_cast<std::size_t>(got));
+    const std::string &seen = outcome.console;
+    if (via == Via::Pty && (seen.ends_with("? ") || seen.ends_with("<Press enter to exit>")))
+      type_line(c.to[1], untyped);
+  }
+  EXPECT_EQ(::waitpid(pid, &outcome.status, 0), pid);
+  EXPECT_FALSE(WIFSIGNALED(outcome.status)) << "signal " << WTERMSIG(outcome.status) << " after\n"
+                                            << outcome.console;
+  if (via == Via::Pipe) ::ioctl(c.to[0], FIONREAD, &outcome.unread);
+  ::close(via == Via::Pipe ? c.to[0] : c.to[1]);
+  ::close(c.from[0]);
+  return outcome;
+}
+
+} // namespace installer

@@ -1,0 +1,65 @@
+#pragma once
+
+// What the tests share: fresh directories, whole files as text, and runs of the real program
+// through a pipe or a pseudo-terminal.
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace installer {
+
+/// A fresh directory, entered unless told otherwise; left and removed with all it holds at the end.
+class TempDir {
+public:
+  explicit TempDir(bool enter = true);
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+
+  /// The absolute path, without links; with `name`, that of an entry in it.
+  [[nodiscard]] std::string path(const std::string &name = {}) const;
+
+private:
+  std::filesystem::path path_;
+  std::filesystem::path back_;
+};
+
+/// Writes the whole file, and creates the directories it lies in.
+void write_file(const std::string &path, const std::string &text);
+/// The whole file; the empty text when it cannot be opened.
+[[nodiscard]] std::string read_file(const std::string &path);
+/// The lines of a log from their level on; the time and process id before it are only checked.
+[[nodiscard]] std::string read_log(const std::string &path);
+
+/// What lies below a directory: relative paths, those of directories end with "/", and the contents
+/// of the files ("-> target" for links).
+using Tree = std::map<std::string, std::string>;
+[[nodiscard]] Tree read_tree(const std::string &path);
+
+/// How the program is connected. `Pipe`: all input is there from the start. `Pty`: a terminal with
+/// echo, whose operator types a line when a prompt waits for one, and an end of file after the
+/// last.
+enum class Via { Pipe, Pty };
+
+/// `name`: the program's argv[0]; `directory`: where it works, if not in the current one;
+/// `prepare`: called in its process, last thing before it starts.
+struct Start {
+  std::string name = "./pkg";
+  void (*prepare)() = nullptr;
+};
+
+/// `console`: everything on standard output and standard error; `status`: as waitpid gives it;
+/// `unread`: bytes of input that the program never took (through a pipe).
+struct Outcome {
+  std::string console;
+  int status = -1;
+  int unread = 0;
+};
+
+/// Runs the program to its end. One that hangs is killed, which fails the test.
+Outcome run(const std::vector<std::string> &arguments, const std::string &input = {},
+            Via via = Via::Pipe, const Start &start = {});
+
+} // namespace installer
