@@ -1,0 +1,116 @@
+#include "installer/log.h"
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace installer {
+
+namespace fs = std::filesystem;
+
+struct LogTest : testing::Test {
+  const TempDir dir;
+  Log x = log_init(LogDebug);
+
+  ~LogTest() override {
+    log_set(nullptr);
+    log_free(&x);
+  }
+  void write_lines(int first, int last) const {
+    for (int i = first; i <= last; ++i) log_line(x, std::to_string(i).c_str(), LogInfo);
+  }
+  std::string reopened(Log current, const char *name) {
+    log_set(current);
+    EXPECT_EQ(log_open(x, name), 1);
+    for (void (*report)(const char *, ...) : {emsg, imsg, dmsg}) {
+      errno = ENOTTY;
+      report(nullptr);
+      report("%s!", std::string(1500, 'x').c_str());
+      EXPECT_EQ(errno, ENOTTY);
+    }
+    log_close(x);
+    return read_log(name);
+  }
+};
+
+TEST_F(LogTest, LevelsCutsAndEarlyErrors) {
+  const std::string cut = ": " + std::string(999, 'x') + "\n";
+  EXPECT_EQ(reopened(x, "3"), "Error" + cut + "Info" + cut + "Debug" + cut);
+  log_set_level(x, LogInfo);
+  EXPECT_EQ(reopened(x, "2"), "Error" + cut + "Info" + cut);
+  log_set_level(x, LogNone);
+  EXPECT_EQ(reopened(x, "0"), ""); // its error waits
+  log_set(nullptr);
+  emsg("early %d", 2);
+  log_set_level(x, LogError);
+  EXPECT_EQ(reopened(x, "1"), "Error" + cut);
+  EXPECT_EQ(reopened(nullptr, "1"), "Error" + cut + "Error" + cut + "Error: early 2\nError" + cut);
+  log_open(x, "1");
+  EXPECT_EQ(x->Size, read_file("1").size());
+}
+
+TEST_F(LogTest, SixRotationsKeepFiveBackups) {
+  EXPECT_EQ(log_open(x, "log"), 1);
+  log_doflush(x, 4);
+  write_lines(10, 10);
+  x->Rotate = 3 * x->Size; // reached by every third line
+  write_lines(11, 28);
+  EXPECT_EQ(read_log("log"), ""); // 28 waits for the next flush
+  EXPECT_EQ(read_log("log0"), "Info: 25\nInfo: 26\nInfo: 27\n");
+  EXPECT_EQ(read_log("log4"), "Info: 13\nInfo: 14\nInfo: 15\n");
+  EXPECT_EQ(read_tree(".").size(), 6U);
+  for (const auto &entry : fs::directory_iterator{"."})
+    EXPECT_EQ(entry.status().permissions(), fs::perms{0600}) << entry;
+}
+
+TEST_F(LogTest, FileThatCannotBeMovedKeepsItsBackups) {
+  const std::string name(250, 'l'); // too long for the temporary name, not for the back-ups
+  for (const char *number : {"0", "1", "2", "3", "4"}) write_file(name + number, number);
+  EXPECT_EQ(log_open(x, name.c_str()), 1);
+  x->Rotate = 100;
+  log_doflush(x, 1);
+  write_lines(11, 14);
+  EXPECT_EQ(read_log(name), "Info: 11\nInfo: 12\nInfo: 13\nInfo: 14\n");
+  for (const char *number : {"0", "1", "2", "3", "4"}) EXPECT_EQ(read_file(name + number), number);
+  fs::remove(name); // it would come back if every line tried again
+  write_lines(15, 15);
+  EXPECT_FALSE(fs::exists(name));
+}
+
+TEST_F(LogTest, OnlyPlainPlacesOpen) {
+  fs::create_directory("place");
+  ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+  fs::create_symlink("pipe", "to_pipe");
+  fs::create_symlink("/dev/null", "to_null");
+  for (const char *wrong : {"place", "pipe", "to_pipe", "/dev/full", "no/such"}) {
+    EXPECT_EQ(log_open(x, wrong), 0) << wrong;
+    write_lines(1, 1);
+    EXPECT_STREQ(x->File, "");
+  }
+  EXPECT_TRUE(log_open(x, "to_null") == 1 && log_open(x, "place/log") == 1);
+  write_lines(2, 2);
+  fs::rename("place", "gone");
+  EXPECT_EQ(log_rotate(x), 0);
+  write_lines(3, 3);
+  fs::rename("gone", "place");
+  write_lines(4, 4);
+  log_close(x);
+  EXPECT_EQ(read_log("place/log"), "Info: 2\nInfo: 4\n");
+}
+
+TEST_F(LogTest, OnlyWrittenCharactersCount) {
+  const struct ::rlimit small = {200, RLIM_INFINITY}, large = {RLIM_INFINITY, RLIM_INFINITY};
+  std::signal(SIGXFSZ, SIG_IGN);
+  log_open(x, "log");
+  log_doflush(x, 1);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  write_lines(1, 9);
+  ::setrlimit(RLIMIT_FSIZE, &large);
+  EXPECT_LE(x->Size, 200U);
+}
+
+} // namespace installer
