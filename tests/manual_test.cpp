@@ -1,0 +1,102 @@
+// The examples of the manual pages and of the README, run as they stand there.
+
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+
+#include <pwd.h>
+#include <unistd.h>
+
+namespace installer {
+
+namespace {
+
+/// The keywords that a page explains, and the files that it shows: each in a display behind a
+/// comment with its name.
+struct Page {
+  std::vector<std::string> keywords;
+  Tree files;
+};
+
+Page read_page(const std::string &name) {
+  const std::string keyword = ".It Ic ";
+  const std::string file = ".\\\" file ";
+  const std::regex backslash{R"(\\e)"};
+  Page page;
+  std::istringstream lines{read_file(INSTALLER_SOURCE_DIR "/man/" + name)};
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(keyword))
+      page.keywords.push_back(line.substr(keyword.size(), line.find(' ', keyword.size()) - 7));
+    if (!line.starts_with(file)) continue;
+    std::string &text = page.files[line.substr(file.size())];
+    std::getline(lines, line); // the beginning of the display
+    while (std::getline(lines, line) && line != ".Ed")
+      text += std::regex_replace(line, backslash, "\\") + "\n";
+  }
+  return page;
+}
+
+} // namespace
+
+TEST(Manual, KeywordsHaveExamples) {
+  for (const std::string name : {"int", "q", "cpy"}) {
+    Page page = read_page("installer-" + name + ".5");
+    const std::string example = "\n" + page.files["notes." + name];
+    EXPECT_FALSE(page.keywords.empty()) << name;
+    for (const std::string &keyword : page.keywords)
+      EXPECT_NE(example.find("\n" + keyword + " "), std::string::npos) << name << ": " << keyword;
+  }
+}
+
+TEST(Manual, ExampleProductRuns) {
+  const TempDir folder;
+  for (const char *name : {"dat", "int", "q", "cpy"})
+    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5").files)
+      write_file(file, text);
+  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
+    write_file(std::string{"files/"} + file, file);
+  write_file("www/other", "");
+  // The first setting of a name wins.
+  const struct ::passwd *user = ::getpwuid(::getuid());
+  write_file("notes.dat", "dir $(current_dir)/target\npages_dir $(current_dir)/www\npages true\n"
+                          "owner " +
+                              std::string{user ? user->pw_name : "root"} + "\n" +
+                              read_file("notes.dat"));
+  const Start notes{.name = "./notes"};
+  const auto expect = [&notes](const std::vector<std::string> &arguments, const char *text) {
+    const std::string console = run(arguments, {}, Via::Pipe, notes).console;
+    EXPECT_NE(console.find(text), std::string::npos) << console;
+  };
+  expect({"-automate"}, "[Install]\nCopying files[.......]\nSuccess 42 bytes in 19 files ");
+  Tree installed = read_tree("target");
+  EXPECT_NE(installed["etc/notes.conf"].find("\nPort=8080\n"), std::string::npos);
+  EXPECT_TRUE(installed.contains("bin/notesd") && !installed.contains("share/drafts/"));
+  installed["etc/notes.conf"] = "the operator's";
+  write_file("target/etc/notes.conf", "the operator's");
+  expect({"-automate"}, "[Upgrade]\nCopying files[..]\nSuccess ");
+  EXPECT_EQ(read_tree("target"), installed);
+  expect({"-automate", "-special", "pages"}, "]\n Success 1 files done.\n");
+  EXPECT_EQ(read_file("www/index.html"), "share/index.html");
+  expect({"-automate", "-special", "remove"}, "]\n Success 8 files done.\n");
+  EXPECT_FALSE(std::filesystem::exists("target"));
+  for (const char *fault : {"Error: Missing", "Error: Unknown"})
+    EXPECT_EQ(read_log("notes.log").find(fault), std::string::npos) << read_log("notes.log");
+}
+
+TEST(Manual, GuideOfReadmeWorks) {
+  const TempDir home;
+  const std::string program = "$PWD/build/release/installer";
+  const std::string readme = read_file(INSTALLER_SOURCE_DIR "/README.md");
+  const std::size_t start = readme.find("```sh\nprogram=") + 6;
+  std::string guide = readme.substr(start, readme.find("```", start) - start);
+  ASSERT_NE(guide.find(program), std::string::npos);
+  write_file("guide", guide.replace(guide.find(program), program.size(), INSTALLER_PROGRAM));
+  EXPECT_EQ(std::system("HOME=$PWD bash -eu guide >out 2>&1"), 0) << read_file("out");
+  EXPECT_NE(read_file("out").find("\nHello, World!\n"), std::string::npos) << read_file("out");
+}
+
+} // namespace installer
