@@ -67,9 +67,9 @@ void shift_backups(Log x, const char *newest) {
   std::rename(newest, new_name);
 }
 
-void flush_line(Log x, std::uint32_t written) {
+void flush_line(Log x) {
   if (x->DoFlush == 0 || x->Lines % x->DoFlush != 0) return;
-  if (std::fflush(x->F.get()) != 0) x->Size -= written;
+  if (std::fflush(x->F.get()) != 0) x->Size = file_size(x->File); // not all of it was written
 }
 
 void queue_error(const char *text) {
@@ -134,10 +134,9 @@ void log_line(Log x, const char *line, LogLevel l) {
   if (!x->F && (*x->File == '\0' || log_open(x, x->File) == 0)) return;
   const int written = std::fprintf(x->F.get(), "%.20s [%d] %s: %s\n", time_text(),
                                    static_cast<int>(::getpid()), LevelNames[l], line);
-  const auto added = static_cast<std::uint32_t>(std::max(written, 0));
-  x->Size += added;
+  x->Size += static_cast<std::uint32_t>(std::max(written, 0));
   if (x->Size >= x->Rotate && x->Size - x->Held >= x->Rotate) log_rotate(x);
-  else flush_line(x, added);
+  else flush_line(x);
   ++x->Lines;
 }
 

@@ -12,15 +12,13 @@ TEST(Array, InsertsGrowsAndReleases) {
   const auto add = [&a](char name, std::int32_t pos) {
     return array_add_num(a, new std::string(1, name), pos);
   };
-  EXPECT_TRUE(add('b', 0) == 1 && add('d', 1) == 1 && a->current == -1);
-  EXPECT_EQ(*array_get_num(a, 0), "b");
+  EXPECT_TRUE(add('b', 0) == 1 && add('d', 1) == 1 && *array_get_num(a, 0) == "b");
   EXPECT_TRUE(add('c', 1) == 1 && a->current == 2 && add('a', 0) == 1 && a->current == 3);
   EXPECT_TRUE(add('e', 4) == 1 && a->current == 3 && *array_get(a) == "d");
-  std::string unused;
+  std::string unused, read;
   EXPECT_EQ(array_add_num(a, &unused, 6) + array_add_num(a, &unused, -1), 0);
   EXPECT_TRUE(*array_get(a) == "e" && !array_get(a) && !array_get_num(a, 5));
   for (int i = 6; i <= 21; ++i) EXPECT_TRUE(add('+', 5) == 1 && a->size == (i + 9) / 10 * 10) << i;
-  std::string read;
   for (auto *p = array_get_num(a, 0); p != nullptr; p = array_get(a)) read += *p;
   EXPECT_EQ(read, "abcde++++++++++++++++");
   array_free_dealloc(&a);
