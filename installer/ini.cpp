@@ -236,7 +236,7 @@ int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz) 
   char path[LongestPath];
   *path = '\0';
   ini_replace(x, string, path, sizeof path);
-  const bool fits = std::strlen(path) < bfsz;
+  const bool fits = std::strlen(path) < std::min(bfsz, sizeof path - 1);
   scpy(result, fits ? path : "", bfsz);
   if (!fits) errno = ENAMETOOLONG;
   return fits ? 1 : 0;

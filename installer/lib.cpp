@@ -162,7 +162,8 @@ char *sreplace(const char *source, const char *find, const char *with, char *res
   if (source == nullptr || find == nullptr) return nullptr;
   const std::size_t length = std::strlen(find);
   std::string replaced;
-  while (const char *hit = length > 0 ? std::strstr(source, find) : nullptr) {
+  while (const char *hit =
+             length > 0 && replaced.size() < bfsz ? std::strstr(source, find) : nullptr) {
     replaced.append(source, hit).append(or_empty(with));
     source = hit + length;
   }
