@@ -61,15 +61,20 @@ bool told(const std::string &console) {
   return all.find("\nError: ") != std::string::npos || all.find("\nFailed, ") != std::string::npos;
 }
 
-std::string strace(const std::string &inject) {
-  return "timeout 60 strace -f -o trace -e trace=" + inject.substr(0, inject.find(':')) +
-         " -e inject=" + inject + " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null";
+/// Runs the product with the fault, in `path` if given; the status.
+int run_injected(const std::string &inject, const std::string &path = {}) {
+  ::setenv("ASAN_OPTIONS", NoLeakCheck, 1);
+  const std::string only = path.empty() ? "" : " -P " + path;
+  return std::system(("timeout 60 strace -f -o trace" + only +
+                      " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
+                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
+                         .c_str());
 }
 
+bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
+
 TEST(Fault, EverySystemCallFailingOnce) {
-  ::setenv("ASAN_OPTIONS", NoLeakCheck, 1);
-  if (std::system("strace -o /dev/null true 2>/dev/null") != 0)
-    GTEST_SKIP() << "strace may not trace here";
+  if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
   const Tree complete = expected_tree();
   const struct {
     const char *call, *error;
@@ -92,7 +97,7 @@ TEST(Fault, EverySystemCallFailingOnce) {
       write_product();
       const std::string at =
           std::string{row.call} + ":error=" + row.error + ":when=" + std::to_string(when);
-      const int status = std::system(strace(at).c_str());
+      const int status = run_injected(at);
       if (read_file("trace").find("(INJECTED)") == std::string::npos) break;
       const std::string console = read_file("console");
       if (WEXITSTATUS(status) == LoaderFailed || console.find(SanitizerFailed) != console.npos)
@@ -103,6 +108,16 @@ TEST(Fault, EverySystemCallFailingOnce) {
       EXPECT_EQ(read_tree("out"), complete) << "run again after " << at;
     }
     EXPECT_GT(runs, 0) << row.call;
+  }
+}
+
+TEST(Fault, FileThatFailsWhenItIsClosed) {
+  if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
+  for (const char *file : {"stamp", "out/one", "out/pkg.ini", "out/port"}) {
+    const TempDir scratch;
+    write_product();
+    EXPECT_EQ(run_injected("close:error=EIO:when=1", scratch.path(file)), 0);
+    EXPECT_TRUE(told(read_file("console"))) << file << read_file("console");
   }
 }
 
