@@ -1,0 +1,200 @@
+#include "installer/copy.h"
+#include "installer/log.h"
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+
+#include <unistd.h>
+
+namespace installer {
+
+namespace fs = std::filesystem;
+
+std::string take_errors();
+
+namespace {
+
+struct CopyRunTest : ::testing::Test {
+  CopyRunTest() {
+    const SettingList settings[2] = {
+        SettingList{"box", "box", Ini_Fixed}
+    };
+    ini_setup(store.get(), settings, nullptr, 1);
+    for (const std::string row :
+         {"empty=", "yes=Yes", "no=no", "two=2", "mode=Full", "alias=fULL", "port=80"})
+      ini_add_name(store.get(), row.substr(0, row.find('=')).c_str(),
+                   row.substr(row.find('=') + 1).c_str());
+    EXPECT_EQ(::mknod("pipe", S_IFIFO | 0600, 0), 0);
+    take_errors();
+  }
+  /// Runs the commands, to the first failure: "files bytes" or "failed", then the errors.
+  std::string run_all(const std::string &commands, int stop_on_fail = 1) const {
+    write_file("../script", "[run]\n" + commands);
+    const std::unique_ptr<copy, Release<copy_free>> x{copy_init(store.get())};
+    EXPECT_EQ(copy_load(x.get(), "../script", "run"), 1);
+    std::uint64_t files = 9;
+    std::uint64_t bytes = 9;
+    const bool done = copy_process(x.get(), &files, &bytes, stop_on_fail) == 1;
+    return (done ? std::to_string(files) + " " + std::to_string(bytes) : "failed") +
+           std::regex_replace(take_errors(), std::regex{"Error: (.*)\n"}, "! $1");
+  }
+  /// Runs them in a new directory "work": also what that changes, with new contents.
+  std::string changes(const std::string &commands) const {
+    fs::current_path(folder.path());
+    fs::remove_all("work");
+    for (const std::string name :
+         {"out1/", "out2/", "out.bak/", "src/a.txt", "src/B.TXT", "src/c.bak", "src/s/d.txt",
+          "src/s/CVS/e", "src/s/cvs/f", "file", "nil"})
+      write_file("work/" + name, name == "nil" ? "" : "8 bytes.");
+    fs::current_path("work");
+    const Tree before = read_tree(".");
+    std::string text = run_all(commands);
+    const Tree after = read_tree(".");
+    for (const auto &[name, contents] : after)
+      if (!before.contains(name))
+        text += " +" + name + (contents == before.at("file") ? "" : contents);
+      else if (contents != before.at(name)) text += " " + name + "=" + contents;
+    for (const auto &entry : before)
+      if (!after.contains(entry.first)) text += " -" + entry.first;
+    return text;
+  }
+
+  TempDir folder;
+  std::unique_ptr<ini, Release<ini_free>> store{ini_init()};
+};
+
+unsigned mode_of(const char *path) { return static_cast<unsigned>(fs::status(path).permissions()); }
+
+} // namespace
+
+TEST_F(CopyRunTest, DoesItsCommands) {
+  const std::string gone = "No such file or directory";
+  const Tree rows = {
+      {"CopyFile src/ - ./out1",                                              "3 24 +out1/B.TXT +out1/a.txt +out1/c.bak"                           },
+      {"CopyFile file *.BAK,x ./o*",                                          "2 16 +out1/file +out2/file"                                         },
+      {"CopyFile file - ./out1/",                                             "failed! No destination directories found"                           },
+      {"CopyFile file - ./fil*",                                              "failed! No destination directories found"                           },
+      {"CopyFile src/a.txt - ./src",                                          "1 0"                                                                },
+      {"CopyDir src/s - ./src",                                               "3 0"                                                                },
+      {"CopyDir src/* CVS,?.* ./out1",                                        "3 8 +out1/s/ +out1/s/cvs/ +out1/s/cvs/f"                            },
+      {"CopyDir ./o* - ./out1",                                               "2 0 +out1/out.bak/ +out1/out2/"                                     },
+      {"CopyDir ./src s.*,?.* ./src/s",                                       "1 0 +src/s/src/"                                                    },
+      {"MkDir new/x",                                                         "1 0 +new/ +new/x/"                                                  },
+      {"RmFile src/* *.bAk",                                                  "2 0 -src/B.TXT -src/a.txt"                                          },
+      {"RmDir .. -",                                                          "failed"                                                             },
+      {"RmDir src/s CVS",                                                     "3 0 -src/s/cvs/ -src/s/cvs/f -src/s/d.txt"                          },
+      {"RmFile none/* -",                                                     "failed! Error opening dir 'none/', No such file or directory"       },
+      {"Rename file z",                                                       "1 0 +z -file"                                                       },
+      {"Rename no z",                                                         "failed! Error renaming 'no'->'z', " + gone + ", " + gone            },
+      {"Exist src s\nWFile f s\nExist no t\nWFile g t\nMkDir d s\nMkDir e t",
+       "5 0 +d/ +ftrue +gfalse"                                                                                                                    },
+      {"RFile file r\nWFile f r\nRFile nil port\nWFile g port",               "4 0 +f +g80"                                                        },
+      {"RFile file box\nWFile file box",                                      "2 0 file=box"                                                       },
+      {"WFile /dev/full x",                                                   "failed! Failed to write (/dev/full), No space left on device"       },
+      {"Ini file ./file",                                                     "failed! Error creating ini file './file', Invalid argument"         },
+      {"Ini file /dev/full",                                                  "failed! Error writing ini file '/dev/full', No space left on device"},
+      {"Error none x\nError yes x\nMkDir d",                                  "3 0 +d/"                                                            },
+      {"Error no My  words $(port)\nMkDir d",                                 "failed"                                                             }
+  };
+  for (const auto &[commands, want] : rows) EXPECT_EQ(changes(commands), want) << commands;
+  EXPECT_STREQ(copy_error(), "My  words 80");
+  for (const std::string name : {"no/x", "src", "../pipe"}) {
+    const std::string reason = name == "src"    ? "Is a directory"
+                               : name == "no/x" ? gone
+                                                : "Operation not supported";
+    const std::string ini = "failed! Error reading ini file '" + name + "', " + reason;
+    EXPECT_EQ(changes("RFile " + name + " x"), "failed! Failed to read (" + name + "), " + reason);
+    EXPECT_EQ(changes("WFile " + name + " x"), "failed! Failed to write (" + name + "), " + reason);
+    EXPECT_EQ(changes("Ini " + name + " file"), ini);
+    EXPECT_EQ(changes("Ini file " + name), std::string{ini}.replace(14, 4, "creat"));
+  }
+  for (const std::string control :
+       {"", "yes", "two", "port", "none", "none x", "mode full", "mode alias", "no NO"})
+    EXPECT_EQ(changes("MkDir d " + control), "1 0 +d/") << control;
+  for (const std::string control : {"no", "empty", "mode", "mode lite", "mode port", "yes no"})
+    EXPECT_EQ(changes("MkDir d " + control), "0 0") << control;
+}
+
+TEST_F(CopyRunTest, FillsTemplates) {
+  const std::string x(2999, 'x');
+  changes("");
+  for (const std::string &row :
+       std::set<std::string>{"[a]\n  P=$(port)\n  N=f\n|[a]\nP=80\n  N=f\n",
+                             "\ta \t\r\n\r\n $(port)$(x) \r\nend|\ta\n\n80$(x)\nend\n",
+                             x + "yy\n$(port|" + x + "\nyy\n$(port\n", "|"}) {
+    write_file("from", row.substr(0, row.find('|')));
+    EXPECT_EQ(run_all("Ini from file"), "1 0");
+    EXPECT_EQ(read_file("file"), row.substr(row.find('|') + 1));
+  }
+}
+
+TEST_F(CopyRunTest, GoesOnOrStops) {
+  const std::string script = "MkDir d\nMkDir f port 9\nCopyFile nil - none\nMkDir e";
+  EXPECT_EQ(changes(script), "failed! No destination directories found +d/");
+  EXPECT_EQ(run_all(script, 0), "2 0! No destination directories found");
+}
+
+TEST_F(CopyRunTest, ChangesModesAndOwners) {
+  changes("");
+  fs::create_directory_symlink("../src/s", "out1/link");
+  fs::create_symlink("none", "out2/dangling");
+  EXPECT_EQ(run_all("Chmod src/* - 4700"), "9 0");
+  EXPECT_EQ(run_all("Chmod src/s */CVS*,s 0641"), "2 0"); // full paths are compared
+  EXPECT_EQ(run_all("Chmod out1/* - 751"), "1 0");
+  EXPECT_EQ(run_all("Chmod ./out? - 711"),
+            "3 0! Error changing mode of './out2/dangling' to 457, No such file or directory");
+  EXPECT_EQ(mode_of("src/a.txt") + mode_of("src/s/cvs") + mode_of("src/s/CVS/e"), 04700U * 3);
+  EXPECT_EQ(mode_of("src/s/d.txt"), 0641U);
+  EXPECT_EQ(mode_of("src/s"), 0711U);
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may give files away";
+  const auto owners = [this](const std::string &commands) {
+    const std::string result = run_all(commands);
+    struct ::stat info = {};
+    EXPECT_EQ(::stat("src/a.txt", &info), 0);
+    return result + " " + std::to_string(info.st_uid) + " " + std::to_string(info.st_gid);
+  };
+  const std::string daemon = " " + std::to_string(file_getuid("daemon"));
+  const std::string bin = " " + std::to_string(file_getgid("bin"));
+  EXPECT_EQ(owners("Chown src/* - no-user:bin"), "failed 0 0");
+  EXPECT_EQ(owners("Chown src/* - daemon:bin"), "9 0" + daemon + bin);
+  EXPECT_EQ(owners("Chown src/* - daemon:no-group"), "9 0" + daemon + daemon);
+  EXPECT_EQ(owners("Chown src/* *.txt root"), "6 0" + daemon + daemon);
+  EXPECT_EQ(owners("WFile v root\nRFile v later\nChown src/* - $(later)$(none)"), "11 0 0 0");
+}
+
+TEST_F(CopyRunTest, ReachesNotTooFar) {
+  std::string dots;
+  while (dots.size() < 256) dots += "./";
+  const std::string stars = "./" + std::string(255, '*') + "x"; // cut, it would match all
+  fs::create_directory_symlink("/", "root");
+  const auto refuses = [&](const std::string &command, const std::string &source) {
+    const std::size_t at = command.find('@');
+    const std::string refused = changes(std::string{command}.replace(at, 1, source));
+    EXPECT_TRUE(refused.starts_with("failed! ")) << command << ' ' << source << ' ' << refused;
+    EXPECT_EQ(refused.find("'empty'") == std::string::npos,
+              source.find("$(empty)") == std::string::npos);
+  };
+  for (const std::string command : {"RmFile @ -", "RmDir @ -", "Chmod @ - 700", "Chown @ - root"})
+    for (const std::string source :
+         {"$(empty)src/*", "src$(empty)", "/no-such-*", "//no-such-?", "../root/no-such-*",
+          "$(none)src/*", dots.c_str(), stars.c_str()})
+      refuses(command, source);
+  for (const char *command : {"CopyFile @src/* - ./out1", "CopyDir ./src - @out1", "MkDir @new"})
+    refuses(command, dots);
+  EXPECT_EQ(changes("RmDir /no-such-entry -"), "failed");
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may have a root directory of its own";
+  const auto run_in_root = [this] {
+    fs::create_directories("." + fs::temp_directory_path().string());
+    if (::chroot(".") != 0 || ::chdir("/") != 0 || file_exist("/src/s/CVS/e") != 1) ::_exit(2);
+    const Tree before = read_tree("src");
+    for (const char *command : {"RmDir / -", "RmFile /* -", "RmDir ../* -", "Chmod /./ - 1"})
+      EXPECT_EQ(run_all(command).substr(0, 7), "failed!") << command;
+    ::_exit(HasFailure() || read_tree("src") != before ? 1 : 0); // an exit looks for leaks in /proc
+  };
+  EXPECT_EXIT(run_in_root(), ::testing::ExitedWithCode(0), "");
+}
+
+} // namespace installer

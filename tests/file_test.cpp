@@ -1,0 +1,147 @@
+#include "installer/file.h"
+#include "installer/log.h"
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+
+#include <sys/sysmacros.h>
+
+namespace installer {
+
+namespace fs = std::filesystem;
+
+/// The error lines since the last time: they wait for a log.
+std::string take_errors() {
+  const TempDir folder;
+  Log log = log_init(LogError);
+  EXPECT_EQ(log_open(log, "log"), 1);
+  log_set(nullptr);
+  log_free(&log);
+  return read_log("log");
+}
+
+namespace {
+
+std::multiset<std::string> calls; // sorted: a listing has no order
+
+/// "outcome src>dst mode; "
+template <bool good> void note(const char *src, const char *dst, int mode) {
+  calls.insert(std::string{good ? "ok" : std::strerror(errno)} + " " + or_empty(src) +
+               (dst ? ">" : "") + or_empty(dst) + " " + std::to_string(mode) + "; ");
+}
+
+/// The calls since the last time.
+std::string take_calls() {
+  std::string text;
+  for (const std::string &call : std::exchange(calls, {})) text += call;
+  return text;
+}
+
+struct FileTest : ::testing::Test {
+  FileTest() { take_calls(), take_errors(), file_setup_fn(note<true>, note<false>); }
+  TempDir folder;
+};
+
+} // namespace
+
+TEST_F(FileTest, CopiesOneFile) {
+  const std::string big(20000, 'x');
+  write_file("big", big);
+  write_file("dir/old", "old");
+  fs::create_hard_link("big", "hard");
+  fs::create_symlink("big", "link");
+  fs::create_directory_symlink(".", "here");
+  ASSERT_EQ(::mknod("pipe", S_IFIFO | 0600, 0) + ::mknod("sock", S_IFSOCK | 0600, 0), 0);
+  const auto expect = [&](const std::string &src, const std::string &dst, unsigned bytes,
+                          const std::string &error = {}) {
+    std::uint64_t counted = 0xffffffff; // does not wrap
+    EXPECT_EQ(file_copy(src.c_str(), dst.c_str(), 1, &counted), error.empty() ? 1 : 0);
+    EXPECT_EQ(counted - 0xffffffff, bytes) << src << " > " << dst;
+    EXPECT_EQ(take_errors(), error.empty() ? "" : "Error: Error " + error + "\n");
+    const std::string outcome = error.empty() ? "ok" : error.substr(error.rfind(", ") + 2);
+    EXPECT_EQ(take_calls(), outcome + " " + src + ">" + dst + " 1; ");
+    EXPECT_EQ(read_file("dir/old") + read_file("big"), "old" + big) << src << " > " << dst;
+  };
+  for (const char *itself : {"big", "hard", "link", "here/big"}) expect("big", itself, 0);
+  for (const char *dst : {"new", "/dev/null"}) expect("big", dst, 20000);
+  expect("/dev/null", "hole", 0);
+  EXPECT_EQ(read_file("new") + read_file("hole"), big);
+  for (const std::string name : {"none/x", "dir", "pipe", "sock"}) {
+    const std::string reason = name == "dir"      ? "Is a directory"
+                               : name == "none/x" ? "No such file or directory"
+                                                  : "Operation not supported";
+    expect(name, "dir/old", 0, "opening '" + name + "' for read, " + reason);
+    expect("big", name, 0, "opening '" + name + "' for write, " + reason);
+  }
+  expect("/dev/zero", "dir/old", 0, "opening '/dev/zero' for read, Operation not supported");
+  expect("/proc/self/mem", "dir/old", 0, "reading from '/proc/self/mem', Input/output error");
+  expect("big", "/dev/full", 0, "writing to '/dev/full', No space left on device");
+  for (const char *there : {"dir/old", "dir"}) EXPECT_EQ(file_copy("big", there, 0, nullptr), -1);
+  errno = EPERM;
+  EXPECT_EQ(file_copy("big", nullptr, 1, nullptr), 0);
+  EXPECT_EQ(take_calls(), "Success big 1; ");
+}
+
+TEST_F(FileTest, ActsOnTrueNamesAndPlainFiles) {
+  write_file("up", "up");
+  for (const std::string name : {"b\\s", "..\\up", "end\\", "a\nb", "a, b", "-rf", "*", "\xe9"})
+    for (const std::string &path : {name, "dir" + name + "/in"}) write_file("src/" + path, name);
+  const Tree plain = read_tree("src");
+  fs::create_symlink("none", "src/dangling");
+  fs::create_directory_symlink(".", "src/loop");
+  ASSERT_EQ(::mknod("src/pipe", S_IFIFO | 0600, 0) + ::mknod("src/sock", S_IFSOCK | 0600, 0), 0);
+  const int zero = ::mknod("src/zero", S_IFCHR | 0600, makedev(1, 5)) == 0 ? 1 : 0; // as root
+  EXPECT_EQ(file_xcopy("src", nullptr, nullptr, "dst", 1, nullptr), 1 + 3 * 8);
+  EXPECT_EQ(calls.size(), 1U + 3 * 8 + 4 + static_cast<unsigned>(zero));
+  EXPECT_EQ(file_rmdir("src", nullptr, 1), 1 + 3 * 8 + 4 + zero);
+  EXPECT_EQ(read_tree("dst"), plain);
+  EXPECT_EQ(read_file("up"), "up");
+}
+
+TEST_F(FileTest, NeverCutsPaths) {
+  const std::string fits(251, 'f');
+  const std::string longer(252, 'f'); // one too many behind "src/"; cut, it would be the other
+  for (const std::string &name : {fits, longer}) write_file("src/" + name, name);
+  EXPECT_EQ(file_xcopy("src", "*", nullptr, "dst", 1, nullptr), 2);
+  EXPECT_TRUE(take_calls().starts_with("File name too long "));
+  EXPECT_EQ(file_xcopy("dst", "*", nullptr, "other", 1, nullptr), 1);
+  EXPECT_EQ(take_calls(), "File name too long dst/" + fits + ">other 1; ok other 1; ");
+  EXPECT_EQ(file_rmdir("src", nullptr, 1), 1);
+  EXPECT_EQ(read_file("src/" + longer) + read_file("dst/" + fits), longer + fits);
+  EXPECT_EQ(read_tree(".").size(), 5U);
+  EXPECT_TRUE(take_errors().ends_with(", File name too long\n"));
+}
+
+TEST_F(FileTest, CopyIntoItselfEnds) {
+  for (const std::string into : {"t/x/y", "t/b/c", "link/c"}) {
+    const TempDir inner;
+    for (const char *file : {"t/f", "t/b/g"}) write_file(file, file);
+    fs::create_directory_symlink("t/b", "link");
+    EXPECT_EQ(file_xcopy("t", "*", nullptr, into.c_str(), 1, nullptr), 4) << into;
+    EXPECT_EQ(read_tree("t").size(), into == "t/x/y" ? 8U : 7U) << into;
+    EXPECT_EQ(read_file(into + "/f") + read_file(into + "/b/g"), "t/ft/b/g");
+  }
+}
+
+TEST_F(FileTest, MakesAndRemovesDirectories) {
+  write_file("far/file", "");
+  for (const char *path : {"d/", "d", "far/file", "m/n\\o\\", "m/n/p"})
+    EXPECT_EQ(file_mkdir(path, 1), 1);
+  EXPECT_EQ(take_calls(), "ok d 1; ok m 1; ok m/n 1; ok m/n/o 1; ok m/n/p 1; ");
+  EXPECT_EQ(file_mkdir("x/y", 0) + file_mkdir("far/file/x", 1), 0);
+  EXPECT_EQ(take_calls(), "No such file or directory x/y 1; Not a directory far/file/x 1; ");
+  for (const char *file : {"m/n/p/f", "m/x.log"}) write_file(file, "");
+  fs::create_directory_symlink("../far", "m/far");
+  EXPECT_EQ(file_rmdir("m", nullptr, 0) + file_rmdir("m", "*.log,o p", 1), 1);
+  EXPECT_EQ(take_calls(), "Directory not empty m 0; Directory not empty m 0; Directory not empty "
+                          "m/n 0; Directory not empty m/n 0; ok m/far 0; ");
+  EXPECT_EQ(file_rmdir("m/n", nullptr, 1), 4);
+  EXPECT_EQ(take_calls(),
+            "ok m/n 0; ok m/n/o 0; ok m/n/o 0; ok m/n/p 0; ok m/n/p 0; ok m/n/p/f 0; ");
+  EXPECT_EQ(file_exist("far/file") + file_exist("far") + file_exist("m/n"), 3);
+}
+
+} // namespace installer
