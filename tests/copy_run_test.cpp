@@ -13,8 +13,6 @@ namespace installer {
 
 namespace fs = std::filesystem;
 
-std::string take_errors();
-
 namespace {
 
 struct CopyRunTest : ::testing::Test {

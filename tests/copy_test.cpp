@@ -5,8 +5,6 @@
 
 namespace installer {
 
-std::string take_errors();
-
 namespace {
 
 struct CopyTest : ::testing::Test {

@@ -13,16 +13,6 @@ namespace installer {
 
 namespace fs = std::filesystem;
 
-/// The error lines since the last time: they wait for a log.
-std::string take_errors() {
-  const TempDir folder;
-  Log log = log_init(LogError);
-  EXPECT_EQ(log_open(log, "log"), 1);
-  log_set(nullptr);
-  log_free(&log);
-  return read_log("log");
-}
-
 namespace {
 
 std::multiset<std::string> calls; // sorted: a listing has no order

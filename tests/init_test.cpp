@@ -9,8 +9,6 @@
 
 namespace installer {
 
-std::string take_errors();
-
 TEST(Init, LoadsAndEvaluates) {
   const TempDir folder;
   take_errors();

@@ -15,47 +15,28 @@ namespace installer {
 
 namespace {
 
-/// The keywords that a page explains, and the files that it shows: each in a display behind a
-/// comment with its name.
-struct Page {
-  std::vector<std::string> keywords;
-  Tree files;
-};
-
-Page read_page(const std::string &name) {
-  const std::string keyword = ".It Ic ";
+/// The files that a page shows: each in a display behind a comment with its name.
+Tree read_page(const std::string &name) {
   const std::string file = ".\\\" file ";
   const std::regex backslash{R"(\\e)"};
-  Page page;
+  Tree files;
   std::istringstream lines{read_file(INSTALLER_SOURCE_DIR "/man/" + name)};
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(keyword))
-      page.keywords.push_back(line.substr(keyword.size(), line.find(' ', keyword.size()) - 7));
     if (!line.starts_with(file)) continue;
-    std::string &text = page.files[line.substr(file.size())];
+    std::string &text = files[line.substr(file.size())];
     std::getline(lines, line); // the beginning of the display
     while (std::getline(lines, line) && line != ".Ed")
       text += std::regex_replace(line, backslash, "\\") + "\n";
   }
-  return page;
+  return files;
 }
 
 } // namespace
 
-TEST(Manual, KeywordsHaveExamples) {
-  for (const std::string name : {"int", "q", "cpy"}) {
-    Page page = read_page("installer-" + name + ".5");
-    const std::string example = "\n" + page.files["notes." + name];
-    EXPECT_FALSE(page.keywords.empty()) << name;
-    for (const std::string &keyword : page.keywords)
-      EXPECT_NE(example.find("\n" + keyword + " "), std::string::npos) << name << ": " << keyword;
-  }
-}
-
 TEST(Manual, ExampleProductRuns) {
   const TempDir folder;
   for (const char *name : {"dat", "int", "q", "cpy"})
-    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5").files)
+    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
       write_file(file, text);
   for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
     write_file(std::string{"files/"} + file, file);

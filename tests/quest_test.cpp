@@ -8,8 +8,6 @@
 
 namespace installer {
 
-std::string take_errors();
-
 namespace {
 
 struct QuestTest : ::testing::Test {

@@ -1,5 +1,7 @@
 #include "tests/support.h"
 
+#include "installer/log.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -111,6 +113,15 @@ std::string read_log(const std::string &path) {
     lines += std::regex_replace(line, prefix, "") + "\n";
   }
   return lines;
+}
+
+std::string take_errors() {
+  const TempDir folder;
+  Log log = log_init(LogError);
+  EXPECT_EQ(log_open(log, "log"), 1);
+  log_set(nullptr);
+  log_free(&log);
+  return read_log("log");
 }
 
 Tree read_tree(const std::string &path) {

@@ -33,6 +33,9 @@ void write_file(const std::string &path, const std::string &text);
 /// The lines of a log from their level on; the time and process id before it are only checked.
 [[nodiscard]] std::string read_log(const std::string &path);
 
+/// The errors logged since the last time: they wait while no log is current.
+std::string take_errors();
+
 /// What lies below a directory: relative paths, those of directories end with "/", and the contents
 /// of the files ("-> target" for links).
 using Tree = std::map<std::string, std::string>;
