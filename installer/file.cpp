@@ -26,8 +26,9 @@ struct Place {
 
 namespace {
 
+/// The unit in which copied bytes are counted.
 constexpr std::size_t ChunkSize = 8192;
-/// What one write takes: many chunks, for a system call costs as much as copying several of them.
+/// What one read or write takes: many chunks, for a system call costs as much as copying several.
 constexpr std::size_t BlockSize = 16 * ChunkSize;
 constexpr ::mode_t DirectoryPermissions = 0775;
 constexpr ::mode_t FilePermissions = 0666;
@@ -138,11 +139,11 @@ Descriptor open_target(const char *dst, int source, bool &same) {
                     Allow::Target);
 }
 
-/// Reads chunks until the block is full, the file ends or reading fails; the bytes read.
+/// Reads until the block is full, the file ends or reading fails; the bytes read.
 std::size_t fill_block(int fd, char *block, bool &failed) {
   std::size_t used = 0;
   while (used < BlockSize) {
-    const ::ssize_t count = ::read(fd, block + used, std::min(ChunkSize, BlockSize - used));
+    const ::ssize_t count = ::read(fd, block + used, BlockSize - used);
     failed = count < 0;
     if (count <= 0) break;
     used += static_cast<std::size_t>(count);
@@ -422,7 +423,9 @@ bool is_dir(const file &x) { return S_ISDIR(x.info.st_mode); }
 Entries::Entries(const Place &place, const char *wild, Walk walk) {
   handle_.status = false;
   handle_.report = walk == Walk::Copies;
-  more_ = open_handle(handle_, place, wild) && file_next(&entry_, &handle_) == 1;
+  const bool opened = open_handle(handle_, place, wild);
+  if (!opened && handle_.report) call(fail, place.path, nullptr, 1);
+  more_ = opened && file_next(&entry_, &handle_) == 1;
 }
 
 Entries::Entries(const char *path, const char *wild, Walk walk)

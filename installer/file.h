@@ -107,7 +107,7 @@ char *file_filename(File x, char *buffer, std::size_t bfsz);
 [[nodiscard]] bool is_dir(const file &x);
 
 /// What a walk wants: `Types` is enough for all that act on entries by name; `Copies` also reports
-/// an entry that cannot be handled through `xfail`.
+/// a directory or an entry that cannot be reached through `xfail`.
 enum class Walk { Types, Copies };
 
 struct Place;
