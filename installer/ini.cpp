@@ -19,25 +19,17 @@ constexpr std::size_t OpenerLength = 2;
 
 std::size_t at(std::int32_t index) { return static_cast<std::size_t>(index); }
 
-/// The first setting of that name, or -1. A table of settings holds tens of entries, and nearly
-/// all differ in the first character.
-std::int32_t find_setting(Ini x, const char *name) {
-  for (std::int32_t i = 0; i < x->items; ++i) {
-    const std::string &setting = *x->list[at(i)].setting;
-    if (setting.c_str()[0] == *name && setting == name) return i;
-  }
-  return -1;
-}
+enum class Case { Same, Any };
 
-unsigned char first_folded(const char *name) { return charmap[static_cast<unsigned char>(*name)]; }
-
-std::int32_t find_setting_any_case(Ini x, const char *name) {
-  const unsigned char first = first_folded(name);
-  for (std::int32_t i = 0; i < x->items; ++i) {
-    const char *setting = text_of(x->list[at(i)].setting);
-    if (first_folded(setting) == first && s_stricmp(setting, name) == 0) return i;
+/// The first setting of that name, or -1.
+std::int32_t find_setting(Ini x, const char *name, Case letters = Case::Same) {
+  std::int32_t first = -1;
+  const auto [begin, end] = x->index.equal_range(std::string_view{name});
+  for (auto it = begin; it != end; ++it) {
+    if (letters == Case::Same && it->first != name) continue;
+    if (first < 0 || it->second < first) first = it->second;
   }
-  return -1;
+  return first;
 }
 
 /// The value list takes the copy over.
@@ -45,11 +37,16 @@ void insert_value(Linklist<std::string> values, std::unique_ptr<std::string> cop
   if (list_add(values, copy.get()) != 0) static_cast<void>(copy.release());
 }
 
-/// Appends a setting's item to the store's data; false when memory is out.
-bool add_item(Ini x, const char *value) {
+/// Appends the item of the next setting to the store's data, and its name to the index; false when
+/// memory is out.
+bool add_item(Ini x, const char *name, const char *value) {
   auto item = std::make_unique<Item>();
   if (value != nullptr) insert_value(item->values, std::make_unique<std::string>(value));
-  if (array_add(x->data, item.get()) == 0) return false;
+  const auto indexed = x->index.emplace(name, x->items);
+  if (array_add(x->data, item.get()) == 0) {
+    x->index.erase(indexed);
+    return false;
+  }
   static_cast<void>(item.release());
   return true;
 }
@@ -87,7 +84,7 @@ int create_setting(Ini x, const char *name, const char *value) {
   if (!has(x->mode, Ini_NewEmpty) && *value == '\0') return -1;
   if (x->size == x->items + 1 && !enlarge_table(x)) return 0;
   SettingList entry{name, {}, new_mode(x->mode)};
-  if (!add_item(x, value)) return 0;
+  if (!add_item(x, name, value)) return 0;
   x->list[at(x->items)] = std::move(entry);
   dmsg("Ini setting '%s' created and set to '%s'", name, value);
   ++x->items;
@@ -144,7 +141,7 @@ Rewrite rewrite_once(Ini x, std::string &value) {
   const char *upto = value.c_str();
   while ((upto = std::strstr(upto, Opener)) != nullptr) {
     const Reference reference = read_reference(upto);
-    const std::int32_t index = find_setting_any_case(x, reference.name);
+    const std::int32_t index = find_setting(x, reference.name, Case::Any);
     const std::string pattern = Opener + std::string{reference.name} + ")";
     if (index < 0 || !reference.closed || pattern.size() >= LineSize) {
       ++upto;
@@ -172,6 +169,19 @@ void resolve(Ini x, std::int32_t index, std::string &value) {
 
 } // namespace
 
+std::size_t FoldedName::operator()(std::string_view name) const noexcept {
+  constexpr std::size_t factor = 31;
+  std::size_t hash = 0;
+  for (const char c : name) hash = hash * factor + charmap[static_cast<unsigned char>(c)];
+  return hash;
+}
+
+bool FoldedName::operator()(std::string_view a, std::string_view b) const noexcept {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char c, char d) {
+    return charmap[static_cast<unsigned char>(c)] == charmap[static_cast<unsigned char>(d)];
+  });
+}
+
 Ini ini_init() { return new ini; }
 
 void ini_free(Ini *x) { drop(x); }
@@ -184,7 +194,8 @@ void ini_setup(Ini x, const SettingList *list, const void * /*assoc*/, int use_d
   for (std::int32_t i = 0; i < count; ++i) {
     x->list[at(i)].setting = list[i].setting;
     x->list[at(i)].mode = list[i].mode;
-    if (!add_item(x, use_dflts != 0 ? text_of(list[i].dflt) : nullptr)) break;
+    const char *value = use_dflts != 0 ? text_of(list[i].dflt) : nullptr;
+    if (!add_item(x, list[i].setting->c_str(), value)) break;
     dmsg("Ini setting '%s' setup", text_of(list[i].setting));
     ++x->items;
   }

@@ -15,6 +15,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace installer {
@@ -81,9 +83,17 @@ struct ini_item {
 };
 using Item = ini_item;
 
+/// Hashes and compares names through `charmap`.
+struct FoldedName {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const noexcept;
+  bool operator()(std::string_view a, std::string_view b) const noexcept;
+};
+
 /// `list`: the table, in order of creation, with its end entry; empty until `ini_setup`. `items`:
 /// number of settings. `size`: capacity of the table in entries, the end entry included; it grows
-/// by 5. `data`: one item per setting at the same index, owned.
+/// by 5. `data`: one item per setting at the same index, owned. `index`: where the settings of a
+/// name stand in the table; names that differ only in case are equal keys.
 struct ini {
   ini() = default;
   ini(const ini &) = delete;
@@ -95,6 +105,7 @@ struct ini {
   std::int32_t items = 0;
   std::int32_t size = 0;
   Array<Item> data = array_init<Item>();
+  std::unordered_multimap<std::string, std::int32_t, FoldedName, FoldedName> index;
 };
 using Ini = ini *;
 
