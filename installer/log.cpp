@@ -17,6 +17,8 @@ namespace {
 
 constexpr const char *LevelNames[] = {"None", "Error", "Info", "Debug"};
 constexpr ::mode_t LogPermissions = 0600;
+/// A log that is larger counts as one of this size.
+constexpr std::uint32_t MostBytes = std::numeric_limits<std::uint32_t>::max();
 
 Log CurrentLog = nullptr;
 Array<std::string> EmsgLog = nullptr;
@@ -24,8 +26,7 @@ Array<std::string> EmsgLog = nullptr;
 std::uint32_t file_size(const char *file) {
   struct ::stat info = {};
   if (::stat(file, &info) != 0) return 0;
-  constexpr ::off_t most = std::numeric_limits<std::uint32_t>::max();
-  return static_cast<std::uint32_t>(std::min<::off_t>(info.st_size, most));
+  return static_cast<std::uint32_t>(std::min<::off_t>(info.st_size, MostBytes));
 }
 
 /// The first 20 characters of the asctime form of the local time. Rendered once a second: the
@@ -134,7 +135,7 @@ void log_line(Log x, const char *line, LogLevel l) {
   if (!x->F && (*x->File == '\0' || log_open(x, x->File) == 0)) return;
   const int written = std::fprintf(x->F.get(), "%.20s [%d] %s: %s\n", time_text(),
                                    static_cast<int>(::getpid()), LevelNames[l], line);
-  x->Size += static_cast<std::uint32_t>(std::max(written, 0));
+  x->Size += std::min(static_cast<std::uint32_t>(std::max(written, 0)), MostBytes - x->Size);
   if (x->Size >= x->Rotate && x->Size - x->Held >= x->Rotate) log_rotate(x);
   else flush_line(x);
   ++x->Lines;
