@@ -10,11 +10,12 @@ void installer::fuzz(const std::string &input, Ini ini) {
   const int loaded = copy_load(&script, as_file(input), "Install");
   int found = 0;
   std::uint32_t i = 0;
-  for (const Texts &line : lines_of(input, found)) {
+  for (const Line &line : lines_of(input, found)) {
     const std::string word = " " + line[1] + " ";
     const bool two = ::strcasestr(" Ini Rename Exist WFile RFile RmFile RmDir ", word.c_str());
     const bool one = ::strcasestr(" MkDir Error ", word.c_str());
     if (line.size() <= (one ? 2U : two ? 3U : 4U)) continue;
+    check(script.list[i].cut == (!line.whole && script.list[i].type != CType::Error));
     const std::string source = or_empty(copy_src(&script, i));
     check(source == expanded(ini, line[2], true));
     const std::size_t room = 1 + input.size() % PathSize, begin = source.find_last_of("/\\") + 1;

@@ -6,8 +6,10 @@
 #include "installer/log.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/mman.h>
@@ -55,22 +57,34 @@ inline Texts split(const std::string &text, const char *separators, std::size_t 
   return pieces;
 }
 
-/// The lines that count, each as itself and then its words: those of the whole file or, when
-/// `found` is 0, those of the first section "install"; `found` then becomes 1.
+/// A line as itself and then its words. `whole`: neither divided inside a word nor with a null
+/// byte.
+struct Line : Texts {
+  bool whole = true;
+};
+
+/// The lines that count: those of the whole file or, when `found` is 0, those of the first section
+/// "install"; `found` then becomes 1.
 inline int whole_file = 1;
-inline std::vector<Texts> lines_of(const std::string &text, int &found = whole_file) {
-  std::vector<Texts> lines;
+inline std::vector<Line> lines_of(const std::string &text, int &found = whole_file) {
+  std::vector<Line> lines;
   const bool sections = found == 0;
+  bool divided = false;
   for (std::size_t at = 0, end; at < text.size(); at = end) {
     end = std::min({text.find('\n', at), text.size() - 1, at + LineSize - 2}) + 1;
     std::string line = text.substr(at, end - at);
+    const bool begun =
+        std::exchange(divided, end - at == LineSize - 1 && end < text.size() &&
+                                   std::isspace(static_cast<unsigned char>(line.back())) == 0 &&
+                                   std::isspace(static_cast<unsigned char>(text[end])) == 0);
+    const bool whole = !begun && !divided && line.find('\0') == std::string::npos;
     line = std::string{s_strtrm(line.data())};
     if (line.empty() || line[0] == '#') continue;
     if (sections && line[0] == '[') {
       if (found != 0) break;
       found = s_stricmp(line.c_str(), line.back() == ']' ? "[install]" : "[install") == 0 ? 1 : 0;
     } else if (found != 0) {
-      lines.push_back(split(line, " \t"));
+      lines.push_back({split(line, " \t"), whole});
       lines.back().insert(lines.back().begin(), line);
     }
   }

@@ -77,7 +77,7 @@ void read_control(CCmd &command, char **line) {
     read_field(command.control_cmp, "control_cmp", nullptr, line);
 }
 
-void load_command(pCopy x, char *line) {
+void load_command(pCopy x, char *line, bool cut) {
   dmsg("Process .cpy file line [%s]", line);
   const char *word = next_word(&line);
   if (word == nullptr) return;
@@ -87,6 +87,7 @@ void load_command(pCopy x, char *line) {
   dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
   if (!read_slots(command, keyword.slots, &line)) return;
   if (command.type != CType::Error) {
+    command.cut = cut;
     read_control(command, &line);
   } else {
     if (*line != '\0') command.dest = line;
@@ -138,7 +139,7 @@ int copy_load(pCopy x, const char *file, const char *section) {
   errno = 0;
   const bool found = lines.enter(section);
   if (found)
-    for (char *line : lines) load_command(x, line);
+    for (char *line : lines) load_command(x, line, !lines.whole());
   if (lines.failed()) {
     cerror("Error reading '%s'", file);
     return 0;

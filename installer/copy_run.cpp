@@ -136,15 +136,24 @@ bool write_template_line(pCopy x, char *piece, std::FILE *out) {
   return std::fputs(expanded ? expanded->c_str() : piece, out) >= 0 && std::fputc('\n', out) >= 0;
 }
 
-/// Writes `piece` and all further lines of the template. 0, logged, when either file fails.
+/// False, logged, when the piece of the template holds a zero byte, behind which it would be lost.
+bool is_text(pCopy x, std::uint32_t index, const char *piece, std::size_t size) {
+  if (std::strlen(piece) == size) return true;
+  errno = EILSEQ;
+  cerror("Error reading ini file '%s'", copy_src(x, index));
+  return false;
+}
+
+/// Writes `piece` and all further lines of the template. 0 when either file fails; a failure to
+/// write is logged.
 int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
-                char (&piece)[TemplateLineSize], bool more) {
+                char (&piece)[TemplateLineSize], std::size_t size) {
   bool written = true;
-  while (more && written) {
+  while (size > 0 && written && is_text(x, index, piece, size)) {
     written = write_template_line(x, piece, out.get());
-    more = std::fgets(piece, sizeof piece, in) != nullptr;
+    size = read_piece(in, piece, sizeof piece);
   }
-  const bool read_all = std::ferror(in) == 0;
+  const bool read_all = size == 0 && std::ferror(in) == 0;
   if (finish(std::move(out))) return read_all ? 1 : 0;
   cerror("Error writing ini file '%s'", copy_dst(x, index));
   return 0;
@@ -223,6 +232,10 @@ int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_o
 
 int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   if (index >= copy_count(x)) return 0;
+  if (x->list[index].cut) {
+    cerror("Line too long or with a zero byte, nothing done for '%s'", copy_src(x, index));
+    return 0;
+  }
   if (!gate_open(x, index)) {
     dmsg("Doing nothing due to controlling setting");
     return -1;
@@ -308,7 +321,8 @@ int copy_write_ini(pCopy x, std::uint32_t index) {
   const Stream in{s_fopen(source, "r")};
   char piece[TemplateLineSize];
   // The first line is read before the target is emptied.
-  const bool more = in && std::fgets(piece, sizeof piece, in.get()) != nullptr;
+  const std::size_t size = in ? read_piece(in.get(), piece, sizeof piece) : 0;
+  if (in && !is_text(x, index, piece, size)) return 0;
   if (!in || std::ferror(in.get()) != 0) {
     if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
     return 0;
@@ -321,7 +335,7 @@ int copy_write_ini(pCopy x, std::uint32_t index) {
     return 0;
   }
   imsg("Writing INI file '%s' to '%s'", source, dest);
-  return write_lines(x, index, in.get(), std::move(out), piece, more);
+  return write_lines(x, index, in.get(), std::move(out), piece, size);
 }
 
 int copy_rename(pCopy x, std::uint32_t index) {

@@ -96,8 +96,9 @@ const Command *find_mode(IItemMode mode) {
 
 Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
 
-void load_item(Init x, char *line) {
-  const char *word = next_word(&line);
+void load_item(Init x, char *line, bool cut) {
+  if (cut) emsg("Line too long or with a zero byte, skipped: '%.20s...'", line);
+  const char *word = cut ? nullptr : next_word(&line);
   if (word == nullptr) return;
   const Command *command = find_word(commands, word, s_strcmp);
   if (command == nullptr) {
@@ -138,7 +139,7 @@ int init_load(Init x, const char *file) {
   if (x == nullptr || file == nullptr) return 0;
   Lines lines{file};
   if (lines)
-    for (char *line : lines) load_item(x, line);
+    for (char *line : lines) load_item(x, line, !lines.whole());
   if (lines && !lines.failed()) return 1;
   init_seterror("Failed to read '%s', %s", file, std::strerror(errno));
   return 0;

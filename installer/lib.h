@@ -233,11 +233,15 @@ enum class Allow { Plain, Target };
 [[nodiscard]] bool same_inode(const struct ::stat &a, const struct ::stat &b);
 /// 1 when both paths lead to one existing file, links followed; else 0.
 [[nodiscard]] int same_file(const char *a, const char *b);
-/// Reads a whole file. 1: `text` holds it; 0: it cannot be opened or read, and errno says why.
-/// Throws std::bad_alloc for a file that memory cannot hold.
+/// Reads a whole text file. 1: `text` holds it; 0: it cannot be opened or read, or holds a zero
+/// byte, and errno says why. Throws std::bad_alloc for a file that memory cannot hold.
 [[nodiscard]] int read_text(const char *file, std::string &text);
 /// Creates or empties a file and writes `text`. 1: written and closed; 0 with errno set.
 [[nodiscard]] int write_text(const char *file, const char *text);
+
+/// C's fgets, but the number of characters read, line end included; 0 at the end or after an error
+/// (C's ferror). More than strlen(`buffer`) when the text holds a zero byte. `bfsz` is at least 2.
+[[nodiscard]] std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz);
 
 /// Shows what is pending on standard output and reads one line of standard input, at most `bfsz` -
 /// 1 characters, line end included. `buffer`; null and the empty text at the end of input.
@@ -263,6 +267,9 @@ public:
   [[nodiscard]] bool enter(const char *section);
   /// True when reading ended with an error, which is then put into errno.
   [[nodiscard]] bool failed() const;
+  /// False when the current line was cut: it is a piece of a longer one that was divided inside a
+  /// word, or ends at a zero byte. What it names may not be what was meant.
+  [[nodiscard]] bool whole() const { return whole_; }
 
   struct End {};
   class Iterator {
@@ -285,9 +292,12 @@ public:
 private:
   char *read();
   char *next();
+  void judge(std::size_t size);
 
   Stream stream_;
   bool in_section_ = false;
+  bool whole_ = true;
+  bool divided_ = false; // inside a word, at the end of the piece read last
   int failed_ = 0;
   char buffer_[LineSize] = {};
 };

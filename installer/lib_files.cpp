@@ -1,5 +1,6 @@
 #include "installer/lib.h"
 
+#include <cctype>
 #include <cstring>
 
 #include <fcntl.h>
@@ -85,7 +86,10 @@ int read_text(const char *file, std::string &text) {
   char piece[LineSize - 2];
   while (const std::size_t count = std::fread(piece, 1, sizeof piece, stream.get()))
     text.append(piece, count);
-  return std::ferror(stream.get()) == 0 ? 1 : 0;
+  if (std::ferror(stream.get()) != 0) return 0;
+  if (text.find('\0') == std::string::npos) return 1;
+  errno = EILSEQ;
+  return 0;
 }
 
 int write_text(const char *file, const char *text) {
@@ -93,6 +97,17 @@ int write_text(const char *file, const char *text) {
   if (!stream) return 0;
   std::fputs(text, stream.get());
   return finish(std::move(stream)) ? 1 : 0;
+}
+
+std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz) {
+  std::size_t size = 0;
+  for (int c = 0; size + 1 < bfsz && c != '\n'; ++size) {
+    c = ::getc_unlocked(in);
+    if (c == EOF) break;
+    buffer[size] = static_cast<char>(c);
+  }
+  buffer[size] = '\0';
+  return std::ferror(in) == 0 ? size : 0;
 }
 
 char *read_reply(char *buffer, std::size_t bfsz) {
@@ -133,8 +148,20 @@ bool Lines::failed() const {
   return failed_ != 0;
 }
 
+void Lines::judge(std::size_t size) {
+  whole_ = !divided_ && std::strlen(buffer_) == size;
+  divided_ = false;
+  if (size + 1 < sizeof buffer_ || std::isspace(static_cast<unsigned char>(buffer_[size - 1])) != 0)
+    return;
+  const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
+  divided_ = following != EOF && std::isspace(following) == 0;
+  whole_ = whole_ && !divided_;
+}
+
 char *Lines::read() {
-  while (stream_ && std::fgets(buffer_, sizeof buffer_, stream_.get()) != nullptr) {
+  while (const std::size_t size =
+             stream_ ? read_piece(stream_.get(), buffer_, sizeof buffer_) : 0) {
+    judge(size);
     char *line = s_strtrm(buffer_);
     if (*line != '\0' && *line != '#') return line;
   }

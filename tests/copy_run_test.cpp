@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 #include <set>
 
@@ -126,6 +127,28 @@ TEST_F(CopyRunTest, FillsTemplates) {
     write_file("from", row.substr(0, row.find('|')));
     EXPECT_EQ(run_all("Ini from file"), "1 0");
     EXPECT_EQ(read_file("file"), row.substr(row.find('|') + 1));
+  }
+}
+
+TEST_F(CopyRunTest, TakesNothingByHalves) {
+  const std::string cut = "! Line too long or with a zero byte, nothing done for '";
+  const std::string missing = "! Missing not wildcard! Missing copy destination path";
+  const std::string zero(1, '\0');
+  std::string names = "a";
+  while (names.size() < 996 - std::strlen("RmDir src/s ")) names += ",a";
+  EXPECT_EQ(changes("RmDir src/s " + names + ",CVS no"),
+            "failed! Unknown copy type 'VS'" + missing + cut + "src/s'");
+  EXPECT_EQ(changes("RmDir src/s " + names + "     x yes"), // two whole lines
+            "6 0! Unknown copy type 'x'" + missing +
+                " -src/s/ -src/s/CVS/ -src/s/CVS/e -src/s/cvs/ -src/s/cvs/f -src/s/d.txt");
+  EXPECT_EQ(changes("RmDir src" + zero + "/s -"), "0 0! Missing not wildcard");
+  EXPECT_EQ(changes("RmFile src/a.txt - no" + zero), "failed" + cut + "src/a.txt'");
+  changes("");
+  for (const char *place : {"", "line\n"}) {
+    write_file("zero", place + zero + "lost");
+    EXPECT_TRUE(run_all("RFile zero port").starts_with("failed! Failed to read (zero), "));
+    EXPECT_TRUE(run_all("Ini zero file").starts_with("failed! Error reading ini file 'zero', "));
+    EXPECT_EQ(read_file("file"), *place == '\0' ? "8 bytes." : place);
   }
 }
 

@@ -37,7 +37,7 @@ TEST(Init, LoadsAndEvaluates) {
           "-\nWFile $(x)w 6 - -\nRFile w 10 - -\nWFile w text - -\n"
           "RFile $(x)w 11 - -\nCopy 9 x 11 x\nRFile nil 11 - -\nRFile gone 11 - -\nRFile pipe 11 - "
           "-\nWFile pipe x - -\nWFile /dev/full x - -\nWFile /" +
-          fits + " x - -\nRFile lines 12 - -");
+          fits + " x - -\nRFile lines 12 - -\nCopy 12 " + std::string(1000, 'x') + " - -");
   EXPECT_EQ(init_load(x, ".") + init_load(x, "none"), 0);
   EXPECT_STREQ(init_error(), "Failed to read 'none', No such file or directory");
   EXPECT_EQ(init_load(x, "int"), 1);
@@ -48,7 +48,11 @@ TEST(Init, LoadsAndEvaluates) {
   EXPECT_EQ(values, "true|false|true|true|box|box|$(x)|x|x|box|text|" + lines + "|");
   EXPECT_EQ(
       take_errors(),
-      "Error: Unknown init command 'exist'\nError: Failed to test (/" + fits +
+      "Error: Unknown init command 'exist'\nError: Line too long or with a zero byte, skipped: "
+      "'Copy 12 xxxxxxxxxxxx...'\nError: Line too long or with a zero byte, skipped: 'xxxxxxxxx - "
+      "-...'\nError: Failed to "
+      "test (/" +
+          fits +
           "), File name too long\nError: TimeDate 'gone' is NULL\n"
           "Error: Failed to read (gone), No such file or directory\nError: Failed to read (pipe), "
           "Operation not supported\nError: Failed to write (pipe), Operation not supported\n"
