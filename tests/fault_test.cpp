@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include <pwd.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -26,18 +27,20 @@ constexpr const char *SanitizerFailed = "LeakSanitizer has encountered";
 
 /// A product that uses every command which touches files, in the current directory.
 void write_product() {
-  write_file("installer.dat", "to $(current_dir)/out\nport 80\nuser root\n");
+  static const std::string user = ::getpwuid(::geteuid())->pw_name;
+  write_file("installer.dat", "to $(current_dir)/out\nport 80\nuser " + user + "\n");
   write_file("installer.int",
              "WFile $(current_dir)/stamp port - -\nRFile $(current_dir)/stamp seen - -\n");
   write_file("installer.q", "[install]\nText port - - h Port?\n");
   write_file("blurb.txt", "Installed in $(to)\n");
-  write_file("installer.cpy",
-             "[install]\nMkDir $(to)/a/b\nCopyDir src/* - $(to)\nRmDir $(to)/old -\n"
-             "CopyFile src/one - $(to)/a\nRename $(to)/a/one $(to)/a/first\n"
-             "Ini src/t.ini $(to)/pkg.ini\nWFile $(to)/port port\nRFile $(to)/port got\n"
-             "Chmod $(to)/* - 750\nMkDir $(to)/gone\nWFile $(to)/gone/x port\n"
-             "RmFile $(to)/gone/x -\nRmDir $(to)/gone -\nExist $(to)/pkg.ini have\n"
-             "Error have The settings file is missing\n");
+  write_file(
+      "installer.cpy",
+      "[install]\nMkDir $(to)/a/b\nCopyDir src/* - $(to)\nRmDir $(to)/old -\n"
+      "CopyFile src/one - $(to)/a\nRename $(to)/a/one $(to)/a/first\n"
+      "Ini src/t.ini $(to)/pkg.ini\nWFile $(to)/port port\nRFile $(to)/port got\n"
+      "Chmod $(to)/* - 750\nChown $(to)/* - $(user)\nMkDir $(to)/gone\nWFile $(to)/gone/x port\n"
+      "RmFile $(to)/gone/x -\nRmDir $(to)/gone -\nExist $(to)/pkg.ini have\n"
+      "Error have The settings file is missing\n");
   write_file("src/t.ini", "[main]\n  Port=$(port)\n");
   write_file("src/one", "1");
   write_file("src/old/stale", "x");
@@ -87,6 +90,7 @@ TEST(Fault, EverySystemCallFailingOnce) {
       {"mkdir",      "ENOSPC", 1},
       {"unlinkat",   "EBUSY",  1},
       {"fchmodat",   "EPERM",  1},
+      {"fchownat",   "EPERM",  1},
       {"close",      "EIO",    2},
       {"getdents64", "EIO",    1},
   };
