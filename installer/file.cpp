@@ -29,7 +29,8 @@ namespace {
 /// The unit in which copied bytes are counted.
 constexpr std::size_t ChunkSize = 8192;
 /// What one read or write takes: many chunks, for a system call costs as much as copying several.
-constexpr std::size_t BlockSize = 16 * ChunkSize;
+/// Twice as many make kernels use larger pieces of memory, which are slower to get than they save.
+constexpr std::size_t BlockSize = 8 * ChunkSize;
 constexpr ::mode_t DirectoryPermissions = 0775;
 constexpr ::mode_t FilePermissions = 0666;
 constexpr ::mode_t PermissionBits = 07777;
@@ -268,13 +269,14 @@ std::size_t first_end(const char *path) {
   return std::min<std::size_t>(std::strlen(path), *path != '\0' && path[1] == ':' ? 3 : 1);
 }
 
-/// Creates the missing parents of `path`.
-bool make_parents(char *path) {
+/// Creates the missing parents of `path`. `cause`: why the first that could not be created was not.
+bool make_parents(char *path, int &cause) {
   bool created = false;
   for (std::size_t i = first_end(path); path[i] != '\0'; ++i) {
     if (path[i] != Sep) continue;
     path[i] = '\0';
-    created = make_level(path) || created;
+    if (make_level(path)) created = true;
+    else if (errno != EEXIST && cause == 0) cause = errno;
     path[i] = Sep;
   }
   return created;
@@ -287,8 +289,10 @@ int make_directory(char *path, bool make_all) {
   bool there = make_level(path);
   // Only then is a parent missing; trying them all each time would cost more than the directory.
   if (!there && make_all && errno == ENOENT) {
-    parents = make_parents(path);
+    int cause = 0;
+    parents = make_parents(path, cause);
     there = make_level(path);
+    if (!there && errno == ENOENT && cause != 0) errno = cause;
   }
   // Something was created even where only some of the parents were, but not without a word.
   if (!there && errno != EEXIST) return failed_directory(path) + static_cast<int>(parents);
