@@ -15,7 +15,8 @@ void installer::fuzz(const std::string &input, Ini ini) {
     const bool two = ::strcasestr(" Ini Rename Exist WFile RFile RmFile RmDir ", word.c_str());
     const bool one = ::strcasestr(" MkDir Error ", word.c_str());
     if (line.size() <= (one ? 2U : two ? 3U : 4U)) continue;
-    check(script.list[i].cut == (!line.whole && script.list[i].type != CType::Error));
+    const bool error = script.list[i].type == CType::Error;
+    check(script.list[i].cut == (!error && line.cut(one ? 4 : two ? 5 : 6)));
     const std::string source = or_empty(copy_src(&script, i));
     check(source == expanded(ini, line[2], true));
     const std::size_t room = 1 + input.size() % PathSize, begin = source.find_last_of("/\\") + 1;

@@ -57,10 +57,12 @@ inline Texts split(const std::string &text, const char *separators, std::size_t 
   return pieces;
 }
 
-/// A line as itself and then its words. `whole`: neither divided inside a word nor with a null
-/// byte.
+/// A line as itself and then its words. `begun`, `ended`: its first, its last word is not whole.
 struct Line : Texts {
-  bool whole = true;
+  bool begun = false;
+  bool ended = false;
+  /// True when one of the first `most` words is not whole.
+  [[nodiscard]] bool cut(std::size_t most) const { return begun || (ended && size() <= most + 1); }
 };
 
 /// The lines that count: those of the whole file or, when `found` is 0, those of the first section
@@ -77,14 +79,14 @@ inline std::vector<Line> lines_of(const std::string &text, int &found = whole_fi
         std::exchange(divided, end - at == LineSize - 1 && end < text.size() &&
                                    std::isspace(static_cast<unsigned char>(line.back())) == 0 &&
                                    std::isspace(static_cast<unsigned char>(text[end])) == 0);
-    const bool whole = !begun && !divided && line.find('\0') == std::string::npos;
+    const bool ended = divided || line.find('\0') != std::string::npos;
     line = std::string{s_strtrm(line.data())};
     if (line.empty() || line[0] == '#') continue;
     if (sections && line[0] == '[') {
       if (found != 0) break;
       found = s_stricmp(line.c_str(), line.back() == ']' ? "[install]" : "[install") == 0 ? 1 : 0;
     } else if (found != 0) {
-      lines.push_back({split(line, " \t"), whole});
+      lines.push_back({split(line, " \t"), begun, ended});
       lines.back().insert(lines.back().begin(), line);
     }
   }

@@ -10,7 +10,7 @@ void installer::fuzz(const std::string &input, Ini ini) {
   check(init_load(&script, as_file(input)) == 1);
   IItem item = init_get_num(&script, 0);
   for (const Line &line : lines_of(input)) {
-    if (!line.whole || line.size() < 6 || !std::strstr(known, (" " + line[1] + " ").c_str()))
+    if (line.cut(5) || line.size() < 6 || !std::strstr(known, (" " + line[1] + " ").c_str()))
       continue;
     check(item != nullptr && item->a == line[2] && item->b == line[3]);
     check(item->control.value_or("-") == line[4] && item->compare.value_or("-") == line[5]);

@@ -77,7 +77,7 @@ void read_control(CCmd &command, char **line) {
     read_field(command.control_cmp, "control_cmp", nullptr, line);
 }
 
-void load_command(pCopy x, char *line, bool cut) {
+void load_command(pCopy x, char *line, const Lines &lines) {
   dmsg("Process .cpy file line [%s]", line);
   const char *word = next_word(&line);
   if (word == nullptr) return;
@@ -87,8 +87,9 @@ void load_command(pCopy x, char *line, bool cut) {
   dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
   if (!read_slots(command, keyword.slots, &line)) return;
   if (command.type != CType::Error) {
-    command.cut = cut;
     read_control(command, &line);
+    // Words behind the last field do not count.
+    command.cut = lines.begins_cut() || (lines.ends_cut() && *line == '\0');
   } else {
     if (*line != '\0') command.dest = line;
     dmsg("Copy list error string is '%s'", text_of(command.dest));
@@ -139,7 +140,7 @@ int copy_load(pCopy x, const char *file, const char *section) {
   errno = 0;
   const bool found = lines.enter(section);
   if (found)
-    for (char *line : lines) load_command(x, line, !lines.whole());
+    for (char *line : lines) load_command(x, line, lines);
   if (lines.failed()) {
     cerror("Error reading '%s'", file);
     return 0;

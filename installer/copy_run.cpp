@@ -136,12 +136,14 @@ bool write_template_line(pCopy x, char *piece, std::FILE *out) {
   return std::fputs(expanded ? expanded->c_str() : piece, out) >= 0 && std::fputc('\n', out) >= 0;
 }
 
-/// False, logged, when the piece of the template holds a zero byte, behind which it would be lost.
-bool is_text(pCopy x, std::uint32_t index, const char *piece, std::size_t size) {
-  if (std::strlen(piece) == size) return true;
-  errno = EILSEQ;
-  cerror("Error reading ini file '%s'", copy_src(x, index));
-  return false;
+/// True when a line of the template holds a zero byte, behind which it would be lost. What is read
+/// next is the first line.
+bool has_zero_byte(std::FILE *in, char (&piece)[TemplateLineSize]) {
+  std::size_t size = 0;
+  do size = read_piece(in, piece, sizeof piece);
+  while (size > 0 && std::strlen(piece) == size);
+  std::rewind(in);
+  return size > 0;
 }
 
 /// Writes `piece` and all further lines of the template. 0 when either file fails; a failure to
@@ -149,11 +151,11 @@ bool is_text(pCopy x, std::uint32_t index, const char *piece, std::size_t size) 
 int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
                 char (&piece)[TemplateLineSize], std::size_t size) {
   bool written = true;
-  while (size > 0 && written && is_text(x, index, piece, size)) {
+  while (size > 0 && written) {
     written = write_template_line(x, piece, out.get());
     size = read_piece(in, piece, sizeof piece);
   }
-  const bool read_all = size == 0 && std::ferror(in) == 0;
+  const bool read_all = std::ferror(in) == 0;
   if (finish(std::move(out))) return read_all ? 1 : 0;
   cerror("Error writing ini file '%s'", copy_dst(x, index));
   return 0;
@@ -321,9 +323,10 @@ int copy_write_ini(pCopy x, std::uint32_t index) {
   const Stream in{s_fopen(source, "r")};
   char piece[TemplateLineSize];
   // The first line is read before the target is emptied.
+  const bool binary = in && has_zero_byte(in.get(), piece);
   const std::size_t size = in ? read_piece(in.get(), piece, sizeof piece) : 0;
-  if (in && !is_text(x, index, piece, size)) return 0;
-  if (!in || std::ferror(in.get()) != 0) {
+  if (binary) errno = EILSEQ;
+  if (!in || binary || std::ferror(in.get()) != 0) {
     if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
     return 0;
   }

@@ -373,6 +373,7 @@ void file_error(const char *format, ...) {
 }
 
 File file_first(FHandle *h, const char *path, const char *wild) {
+  if (h != nullptr) *h = nullptr;
   if (h == nullptr || path == nullptr || wild == nullptr) return nullptr;
   *h = new xfilehandle;
   File x = new file;
@@ -428,7 +429,8 @@ Entries::Entries(const Place &place, const char *wild, Walk walk) {
   handle_.status = false;
   handle_.report = walk == Walk::Copies;
   const bool opened = open_handle(handle_, place, wild);
-  if (!opened && handle_.report) call(fail, place.path, nullptr, 1);
+  // A directory that was named is for the caller to judge; one met on the way is a part left out.
+  if (!opened && handle_.report && place.dir != AT_FDCWD) call(fail, place.path, nullptr, 1);
   more_ = opened && file_next(&entry_, &handle_) == 1;
 }
 

@@ -24,8 +24,8 @@
 namespace installer {
 
 /// A progress callback. `mode` is 1 for copying and creating, 0 for removing. `dst` is null but for
-/// files copied, or not copied; a failed copy with null arguments passes them on. errno is that of
-/// the failure.
+/// files copied, or not copied; a failed copy with null arguments passes them on, and a listed
+/// entry whose path does not fit comes under its bare name. errno is that of the failure.
 using FileCallback = void (*)(const char *src, const char *dst, int mode);
 
 /// The callback pair: `xok` once per item handled, `xfail` once per item that failed; either may be
@@ -107,7 +107,7 @@ char *file_filename(File x, char *buffer, std::size_t bfsz);
 [[nodiscard]] bool is_dir(const file &x);
 
 /// What a walk wants: `Types` is enough for all that act on entries by name; `Copies` also reports
-/// a directory or an entry that cannot be reached through `xfail`.
+/// an entry that cannot be reached, and a listed directory that cannot be opened, through `xfail`.
 enum class Walk { Types, Copies };
 
 struct Place;

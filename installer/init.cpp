@@ -96,9 +96,8 @@ const Command *find_mode(IItemMode mode) {
 
 Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
 
-void load_item(Init x, char *line, bool cut) {
-  if (cut) emsg("Line too long or with a zero byte, skipped: '%.20s...'", line);
-  const char *word = cut ? nullptr : next_word(&line);
+void load_item(Init x, char *line, const Lines &lines) {
+  const char *word = next_word(&line);
   if (word == nullptr) return;
   const Command *command = find_word(commands, word, s_strcmp);
   if (command == nullptr) {
@@ -110,6 +109,11 @@ void load_item(Init x, char *line, bool cut) {
   const char *control = next_word(&line);
   const char *compare = next_word(&line);
   if (compare == nullptr) return;
+  // Words behind the last argument do not count.
+  if (lines.begins_cut() || (lines.ends_cut() && *line == '\0')) {
+    emsg("Line too long or with a zero byte, nothing done for '%s %s'", word, a);
+    return;
+  }
   auto item = std::make_unique<init_item>(
       init_item{a, b, word_or_none(compare), word_or_none(control), command->mode});
   if (array_add(x->list, item.get()) != 0) static_cast<void>(item.release());
@@ -139,7 +143,7 @@ int init_load(Init x, const char *file) {
   if (x == nullptr || file == nullptr) return 0;
   Lines lines{file};
   if (lines)
-    for (char *line : lines) load_item(x, line, !lines.whole());
+    for (char *line : lines) load_item(x, line, lines);
   if (lines && !lines.failed()) return 1;
   init_seterror("Failed to read '%s', %s", file, std::strerror(errno));
   return 0;

@@ -182,6 +182,14 @@ void run(unsigned argc, char **argv) {
   clear_datfile();
 }
 
+/// Puts back what the options and the run left behind, for a program that runs another one.
+void forget_run() {
+  log_set(nullptr);
+  myname.reset();
+  special_mode.reset();
+  automate = 0;
+}
+
 } // namespace
 
 int product_file(const char *ext, char (&path)[PathSize]) {
@@ -199,8 +207,9 @@ int main(unsigned argc, char **argv) {
   exename(name, argc > 0 ? argv[0] : nullptr, sizeof name);
   myname = name;
   run(argc, argv);
-  myname.reset();
-  if (automate == 0) {
+  const bool attended = automate == 0;
+  forget_run();
+  if (attended) {
     std::printf("\n<Press enter to exit>");
     char reply[LineSize];
     read_reply(reply, sizeof reply);

@@ -267,9 +267,12 @@ public:
   [[nodiscard]] bool enter(const char *section);
   /// True when reading ended with an error, which is then put into errno.
   [[nodiscard]] bool failed() const;
-  /// False when the current line was cut: it is a piece of a longer one that was divided inside a
-  /// word, or ends at a zero byte. What it names may not be what was meant.
-  [[nodiscard]] bool whole() const { return whole_; }
+  /// True when the first word of the current line is the rest of a word: the line is a piece of a
+  /// longer one that was divided there.
+  [[nodiscard]] bool begins_cut() const { return begins_cut_; }
+  /// True when the last word of the current line is not whole: the line was divided inside it, or a
+  /// zero byte ends it. It may not be what was meant.
+  [[nodiscard]] bool ends_cut() const { return ends_cut_; }
 
   struct End {};
   class Iterator {
@@ -296,7 +299,8 @@ private:
 
   Stream stream_;
   bool in_section_ = false;
-  bool whole_ = true;
+  bool begins_cut_ = false;
+  bool ends_cut_ = false;
   bool divided_ = false; // inside a word, at the end of the piece read last
   int failed_ = 0;
   char buffer_[LineSize] = {};

@@ -149,13 +149,14 @@ bool Lines::failed() const {
 }
 
 void Lines::judge(std::size_t size) {
-  whole_ = !divided_ && std::strlen(buffer_) == size;
-  divided_ = false;
-  if (size + 1 < sizeof buffer_ || std::isspace(static_cast<unsigned char>(buffer_[size - 1])) != 0)
-    return;
-  const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
-  divided_ = following != EOF && std::isspace(following) == 0;
-  whole_ = whole_ && !divided_;
+  begins_cut_ = divided_;
+  divided_ = size + 1 == sizeof buffer_ &&
+             std::isspace(static_cast<unsigned char>(buffer_[size - 1])) == 0;
+  if (divided_) {
+    const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
+    divided_ = following != EOF && std::isspace(following) == 0;
+  }
+  ends_cut_ = divided_ || std::strlen(buffer_) < size;
 }
 
 char *Lines::read() {

@@ -48,6 +48,7 @@ void log_free(Log *x);
 
 /// Makes `x` (may be null) the current log, without opening it.
 void log_set(Log x);
+/// Sets the threshold. Null is not allowed here, nor for log_open, log_line and log_rotate.
 void log_set_level(Log x, LogLevel l);
 /// Flushes after every `doflush` lines, never for 0.
 void log_doflush(Log x, int doflush);

@@ -13,8 +13,8 @@ namespace {
 /// The bootstrap settings, with an end record; empty while none are loaded.
 std::vector<SettingList> _settings;
 
-void add_record(const char *setting, const char *value, SettingMode mode) {
-  _settings.push_back({setting, *value != '\0' ? Text{value} : Text{}, mode});
+void add_record(const char *setting, Text value, SettingMode mode) {
+  _settings.push_back({setting, std::move(value), mode});
 }
 
 void add_own_settings() {
@@ -39,7 +39,7 @@ void add_line(char *line) {
   if (name == nullptr) return;
   const char *value = line + std::strspn(line, " \t");
   dmsg("Adding '%s'='%s'", name, value);
-  add_record(name, value, Ini_Replace);
+  add_record(name, *value != '\0' ? Text{value} : Text{}, Ini_Replace);
 }
 
 } // namespace

@@ -22,9 +22,7 @@ TEST(Format, Conversions) {
   const char open[] = {'a', 'b', 'c'};
   EXPECT_EQ(print(99, "%s|%10.2s|%S|%.*s|%.3s|%5.1s", None, None, None, 3, open, open, "xyz"),
             "(NULL)|(NULL)|(NULL)|abc|abc|    x");
-  EXPECT_EQ(print(99, "%%d|%05d|%*d|%0*d|%*.*f|%C%S", 42, 5, 42, 4, 7, 6, 2, 1.237, L'x', L"yz"),
-            "%d|00042|   42|0007|  1.24|xyz");
-  EXPECT_EQ(print(99, "%-*d|%*d|%.*s|%.*d", 3, 7, -3, 8, -1, "abc", -1, 5), "7  |8  |abc|5");
+  EXPECT_EQ(print(99, "%%d|%05d|%-*d|%C%S", 42, -3, 7, L'x', L"yz"), "%d|00042|7  |xyz");
   for (const char *cut_short : {"ab%", "ab%-08", "ab%5.", "ab%.*"})
     EXPECT_EQ(print(9, cut_short, 3), "ab");
   int counts[] = {-1, -1, -1};
@@ -36,19 +34,12 @@ TEST(Format, Conversions) {
 TEST(Format, Cuts) {
   EXPECT_EQ(print(5, "abcd") + print(5, "abcdefg") + print(5, "abcd%%%%"), "abcdabcde<abcd%<");
   EXPECT_EQ(print(5, "%s%s%d", "abcdefg", None, 1) + print(5, "%s!", "abcdefg"), "abcdabcd!<");
-  EXPECT_EQ(print(5, "abc%s", None) + print(4, "%9d", 5), "abc(   ");
   EXPECT_EQ(print(1, "%s%f", "x", 1.0) + print(4, None) + print(0, "x") + print(1, "x"), "<x<");
-  char buffer[5];
-  EXPECT_EQ(lprintf(buffer, sizeof buffer, "%s!", "abcdefg"), 4);
-  EXPECT_STREQ(buffer, "abcd");
+  char buffer[1];
   EXPECT_EQ(lprintf(buffer, 1, "x") + snprintf(nullptr, 5, "x"), 0);
 }
 
-TEST(Wild, Match) {
-  for (const char *wild : {"a/.b", "*", "***", "a*b", "?*?", "a/?b", "*/*", "*b*", "????"})
-    EXPECT_EQ(wmatch("a/.b", wild, 1), 1) << wild;
-  for (const char *wild : {"", "a*c", "?", "?????", "a/.", "A/.B", "a/[.]b", "*b?", "/.b"})
-    EXPECT_EQ(wmatch("a/.b", wild, 1), 0) << wild;
+TEST(Wild, OddTexts) {
   EXPECT_EQ(wmatch("", "", 1) + wmatch("", "**", 1) + wild_match("", "*"), 3);
   EXPECT_EQ(wmatch("", "?", 1) + wmatch("", "*?", 1) + wild_match("A", "a"), 0);
   EXPECT_EQ(wmatch(nullptr, "*", 1) + wmatch("*", nullptr, 1) + wild_match(nullptr, "*"), 0);
@@ -57,17 +48,8 @@ TEST(Wild, Match) {
   while (wild.size() < 1000) wild += "a*";
   EXPECT_EQ(wmatch(text.c_str(), wild.c_str(), 1), 1);
   EXPECT_EQ(wild_ilist((text + "," + text).c_str(), (wild + "?b " + wild + "B").c_str()), 0);
-}
-
-TEST(Wild, Lists) {
-  const auto found = [](const char *list, const char *wilds) {
-    return wild_list(list, wilds) + wild_ilist(list, wilds);
-  };
-  EXPECT_EQ(found("x.bak", "tmp, *.bak"), 2);
-  EXPECT_EQ(found(", ,\ta, ,\tmy file,\t", "\t ,none ,,file, "), 2);
-  EXPECT_EQ(found("a X.BAK", "*.bak"), 1);
-  EXPECT_EQ(found("my file", "my?file, filet, fil") + found("", "*") + found(" ,\t", "*"), 0);
-  EXPECT_EQ(found("a", " ,") + found("a", nullptr) + found(nullptr, "*"), 0);
+  EXPECT_EQ(wild_list(", ,\ta, ,\tmy file,\t", "\t ,none ,,file, "), 1);
+  EXPECT_EQ(wild_list("", "*") + wild_list("a", nullptr) + wild_list(nullptr, "*"), 0);
 }
 
 } // namespace installer

@@ -10,17 +10,12 @@
 
 namespace installer {
 
-namespace fs = std::filesystem;
-
 struct LogTest : testing::Test {
   const TempDir dir;
   Log x = log_init(LogDebug);
 
   LogTest() { log_set(x); }
-  ~LogTest() override {
-    log_set(nullptr);
-    log_free(&x);
-  }
+  ~LogTest() override { log_set(nullptr), log_free(&x); }
   void write_lines(int first, int last) const {
     for (int i = first; i <= last; ++i) log_line(x, std::to_string(i).c_str(), LogInfo);
   }

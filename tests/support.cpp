@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <regex>
-#include <sstream>
 
 #include <fcntl.h>
 #include <pty.h>
@@ -20,11 +18,8 @@
 
 namespace installer {
 
-namespace fs = std::filesystem;
-
 namespace {
 
-constexpr unsigned TimeLimit = 60; // seconds
 constexpr char EndOfFile = '\4';
 
 void write_all(int fd, const std::string &text) {
@@ -33,8 +28,7 @@ void write_all(int fd, const std::string &text) {
 
 /// What leads to the program and what comes from it; [0] is the end to read from, [1] to write to.
 struct Connection {
-  std::array<int, 2> to{};
-  std::array<int, 2> from{};
+  std::array<int, 2> to{}, from{};
 };
 
 /// The terminal does not control a session, whose end would discard what was not read yet.
@@ -57,7 +51,7 @@ Connection connect(Via via) {
   std::vector<char *> argv;
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  ::alarm(TimeLimit); // outlives the exec
+  ::alarm(60); // outlives the exec
   if (start.prepare != nullptr) start.prepare();
   ::execv(INSTALLER_PROGRAM, argv.data());
   ::_exit(127);
@@ -75,18 +69,15 @@ void type_line(int terminal, std::string &input) {
 
 } // namespace
 
-TempDir::TempDir(bool enter) {
+TempDir::TempDir() : back_(fs::current_path()) {
   std::string name = (fs::canonical(fs::temp_directory_path()) / "installer-test.XXXXXX").string();
   if (::mkdtemp(name.data()) == nullptr) std::abort();
-  path_ = name;
-  if (!enter) return;
-  back_ = fs::current_path();
-  fs::current_path(path_);
+  fs::current_path(path_ = name);
 }
 
 TempDir::~TempDir() {
   std::error_code ignored;
-  if (!back_.empty()) fs::current_path(back_, ignored);
+  fs::current_path(back_, ignored);
   fs::remove_all(path_, ignored);
 }
 
@@ -105,14 +96,8 @@ std::string read_file(const std::string &path) {
 }
 
 std::string read_log(const std::string &path) {
-  static const std::regex prefix{R"(^\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d  \[\d+\] )"};
-  std::istringstream stream{read_file(path)};
-  std::string lines;
-  for (std::string line; std::getline(stream, line);) {
-    EXPECT_TRUE(std::regex_search(line, prefix)) << line;
-    lines += std::regex_replace(line, prefix, "") + "\n";
-  }
-  return lines;
+  static const std::regex prefix{R"((^|\n)\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d  \[\d+\] )"};
+  return std::regex_replace(read_file(path), prefix, "$1");
 }
 
 std::string take_errors() {
@@ -135,6 +120,20 @@ Tree read_tree(const std::string &path) {
   return tree;
 }
 
+Store make_store(const std::vector<std::string> &settings) {
+  std::vector<SettingList> list;
+  for (const std::string &text : settings) {
+    const std::string name = text.substr(0, text.find('='));
+    list.push_back({name, {}, name == "action" ? Ini_None : Ini_Replace});
+    if (name == "host") list.back().mode = Ini_Replace | Ini_Fixed;
+    if (name != text) list.back().dflt = text.substr(name.size() + 1);
+  }
+  list.emplace_back();
+  Store x{ini_init()};
+  ini_setup(x.get(), list.data(), nullptr, 1);
+  return x;
+}
+
 Outcome run(const std::vector<std::string> &arguments, const std::string &input, Via via,
             const Start &start) {
   const Connection c = connect(via);
@@ -154,8 +153,7 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input,
       type_line(c.to[1], untyped);
   }
   EXPECT_EQ(::waitpid(pid, &outcome.status, 0), pid);
-  EXPECT_FALSE(WIFSIGNALED(outcome.status)) << "signal " << WTERMSIG(outcome.status) << " after\n"
-                                            << outcome.console;
+  EXPECT_FALSE(WIFSIGNALED(outcome.status)) << outcome.console;
   if (via == Via::Pipe) ::ioctl(c.to[0], FIONREAD, &outcome.unread);
   ::close(via == Via::Pipe ? c.to[0] : c.to[1]);
   ::close(c.from[0]);

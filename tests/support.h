@@ -1,7 +1,9 @@
 #pragma once
 
-// What the tests share: fresh directories, whole files as text, and runs of the real program
-// through a pipe or a pseudo-terminal.
+// What the tests share: fresh directories, whole files as text, stores of settings, and runs of the
+// real program through a pipe or a pseudo-terminal.
+
+#include "installer/ini.h"
 
 #include <filesystem>
 #include <map>
@@ -10,10 +12,12 @@
 
 namespace installer {
 
-/// A fresh directory, entered unless told otherwise; left and removed with all it holds at the end.
+namespace fs = std::filesystem;
+
+/// A fresh directory, entered at once; left and removed with all it holds at the end.
 class TempDir {
 public:
-  explicit TempDir(bool enter = true);
+  TempDir();
   ~TempDir();
   TempDir(const TempDir &) = delete;
   TempDir &operator=(const TempDir &) = delete;
@@ -22,15 +26,14 @@ public:
   [[nodiscard]] std::string path(const std::string &name = {}) const;
 
 private:
-  std::filesystem::path path_;
-  std::filesystem::path back_;
+  fs::path path_, back_;
 };
 
 /// Writes the whole file, and creates the directories it lies in.
 void write_file(const std::string &path, const std::string &text);
 /// The whole file; the empty text when it cannot be opened.
 [[nodiscard]] std::string read_file(const std::string &path);
-/// The lines of a log from their level on; the time and process id before it are only checked.
+/// The lines of a log from their level on. What stands before it stays when it is not as it should.
 [[nodiscard]] std::string read_log(const std::string &path);
 
 /// The errors logged since the last time: they wait while no log is current.
@@ -41,13 +44,16 @@ std::string take_errors();
 using Tree = std::map<std::string, std::string>;
 [[nodiscard]] Tree read_tree(const std::string &path);
 
+/// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
+using Store = std::unique_ptr<ini, Release<ini_free>>;
+[[nodiscard]] Store make_store(const std::vector<std::string> &settings);
+
 /// How the program is connected. `Pipe`: all input is there from the start. `Pty`: a terminal with
 /// echo, whose operator types a line when a prompt waits for one, and an end of file after the
 /// last.
 enum class Via { Pipe, Pty };
 
-/// `name`: the program's argv[0]; `directory`: where it works, if not in the current one;
-/// `prepare`: called in its process, last thing before it starts.
+/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts.
 struct Start {
   std::string name = "./pkg";
   void (*prepare)() = nullptr;
@@ -57,8 +63,7 @@ struct Start {
 /// `unread`: bytes of input that the program never took (through a pipe).
 struct Outcome {
   std::string console;
-  int status = -1;
-  int unread = 0;
+  int status = -1, unread = 0;
 };
 
 /// Runs the program to its end. One that hangs is killed, which fails the test.
