@@ -4,6 +4,7 @@
 #include "installer/copy.h"
 
 void installer::fuzz(const std::string &input, Ini ini) {
+  if (is_binary(input)) return;
   for (const char *name : {"dir", "d"}) ini_add_name(ini, name, "/opt\\$(dir)");
   copy script;
   script.ini = ini;
@@ -14,9 +15,12 @@ void installer::fuzz(const std::string &input, Ini ini) {
     const std::string word = " " + line[1] + " ";
     const bool two = ::strcasestr(" Ini Rename Exist WFile RFile RmFile RmDir ", word.c_str());
     const bool one = ::strcasestr(" MkDir Error ", word.c_str());
-    if (line.size() <= (one ? 2U : two ? 3U : 4U)) continue;
-    const bool error = script.list[i].type == CType::Error;
-    check(script.list[i].cut == (!error && line.cut(one ? 4 : two ? 5 : 6)));
+    const std::size_t needed = one ? 2 : two ? 3 : 4;
+    if (line.size() <= needed && !line.cut) continue;
+    const bool error = s_stricmp(line[1].c_str(), "Error") == 0;
+    const bool cut = line.cut && line.size() <= needed + (error ? 1 : 3);
+    check(script.list[i].cut == (cut || line.continued));
+    if (line.size() <= needed && ++i > 0) continue;
     const std::string source = or_empty(copy_src(&script, i));
     check(source == expanded(ini, line[2], true));
     const std::size_t room = 1 + input.size() % PathSize, begin = source.find_last_of("/\\") + 1;

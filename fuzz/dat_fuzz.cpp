@@ -4,6 +4,7 @@
 #include "installer/shared.h"
 
 void installer::fuzz(const std::string &input, Ini ini) {
+  if (is_binary(input)) return;
   check(load_datfile(ini, as_file(input)) == 1);
   std::int32_t i = 4;
   for (const Texts &line : lines_of(input)) {

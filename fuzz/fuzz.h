@@ -34,6 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   return 0;
 }
 
+/// The inputs that the formats refuse as a whole.
+inline bool is_binary(const std::string &text) { return text.find('\0') != std::string::npos; }
+
 inline void check(bool holds) { holds ? void() : __builtin_trap(); }
 
 /// A regular file in memory that holds `text`.
@@ -57,12 +60,11 @@ inline Texts split(const std::string &text, const char *separators, std::size_t 
   return pieces;
 }
 
-/// A line as itself and then its words. `begun`, `ended`: its first, its last word is not whole.
+/// A line as itself and then its words. `continued`: it is not the beginning of one; `cut`: nor the
+/// end.
 struct Line : Texts {
-  bool begun = false;
-  bool ended = false;
-  /// True when one of the first `most` words is not whole.
-  [[nodiscard]] bool cut(std::size_t most) const { return begun || (ended && size() <= most + 1); }
+  bool continued = false;
+  bool cut = false;
 };
 
 /// The lines that count: those of the whole file or, when `found` is 0, those of the first section
@@ -71,22 +73,19 @@ inline int whole_file = 1;
 inline std::vector<Line> lines_of(const std::string &text, int &found = whole_file) {
   std::vector<Line> lines;
   const bool sections = found == 0;
-  bool divided = false;
-  for (std::size_t at = 0, end; at < text.size(); at = end) {
+  for (std::size_t at = 0, end, begin = 0; at < text.size(); at = end) {
     end = std::min({text.find('\n', at), text.size() - 1, at + LineSize - 2}) + 1;
     std::string line = text.substr(at, end - at);
-    const bool begun =
-        std::exchange(divided, end - at == LineSize - 1 && end < text.size() &&
-                                   std::isspace(static_cast<unsigned char>(line.back())) == 0 &&
-                                   std::isspace(static_cast<unsigned char>(text[end])) == 0);
-    const bool ended = divided || line.find('\0') != std::string::npos;
+    const bool continued = at > begin;
+    const bool cut = line.back() != '\n' && end < text.size() && !std::strchr("\r\n", text[end]);
+    if (!cut) begin = end;
     line = std::string{s_strtrm(line.data())};
     if (line.empty() || line[0] == '#') continue;
-    if (sections && line[0] == '[') {
+    if (sections && line[0] == '[' && !continued) {
       if (found != 0) break;
       found = s_stricmp(line.c_str(), line.back() == ']' ? "[install]" : "[install") == 0 ? 1 : 0;
     } else if (found != 0) {
-      lines.push_back({split(line, " \t"), begun, ended});
+      lines.push_back({split(line, " \t"), continued, cut});
       lines.back().insert(lines.back().begin(), line);
     }
   }

@@ -4,13 +4,15 @@
 #include "installer/init.h"
 
 void installer::fuzz(const std::string &input, Ini ini) {
+  if (is_binary(input)) return;
   const char *known =
       " Exist Copy HTTP_User HTTP_Group HTTP_Root HTTP_Scripts TimeDate WFile RFile ";
   init_s script;
   check(init_load(&script, as_file(input)) == 1);
   IItem item = init_get_num(&script, 0);
   for (const Line &line : lines_of(input)) {
-    if (line.cut(5) || line.size() < 6 || !std::strstr(known, (" " + line[1] + " ").c_str()))
+    if (line.continued || line.size() < 6 || (line.cut && line.size() == 6) ||
+        !std::strstr(known, (" " + line[1] + " ").c_str()))
       continue;
     check(item != nullptr && item->a == line[2] && item->b == line[3]);
     check(item->control.value_or("-") == line[4] && item->compare.value_or("-") == line[5]);

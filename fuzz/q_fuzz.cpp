@@ -4,6 +4,7 @@
 #include "installer/quest.h"
 
 void installer::fuzz(const std::string &input, Ini ini) {
+  if (is_binary(input)) return;
   const Texts in = split(input, "\f", 2);
   questions set;
   set.ini = ini;

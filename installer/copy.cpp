@@ -85,12 +85,13 @@ void load_command(pCopy x, char *line, const Lines &lines) {
   CCmd command;
   command.type = keyword.type;
   dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
-  if (!read_slots(command, keyword.slots, &line)) return;
-  if (command.type != CType::Error) {
-    read_control(command, &line);
-    // Words behind the last field do not count.
-    command.cut = lines.begins_cut() || (lines.ends_cut() && *line == '\0');
-  } else {
+  const bool complete = read_slots(command, keyword.slots, &line);
+  if (complete && command.type != CType::Error) read_control(command, &line);
+  // Words behind the last field, and a message, may be cut.
+  const bool cut = lines.cut() && *line == '\0';
+  if (!complete && !cut) return;
+  command.cut = cut || lines.continued();
+  if (command.type == CType::Error) {
     if (*line != '\0') command.dest = line;
     dmsg("Copy list error string is '%s'", text_of(command.dest));
   }

@@ -38,7 +38,7 @@ enum class CType : std::uint32_t {
 /// One command. `source`, `dest`: the operands, what they mean depends on the type; `not_`: names
 /// that are left out (patterns; null for none); `control`, `control_cmp`: when it runs (see
 /// `copy_do`); `empty_setting`: a setting whose reference in `source` was replaced by nothing;
-/// `cut`: one of these was not read whole, for the line was too long or held a zero byte.
+/// `cut`: one of these may not be whole, for the line was too long.
 struct copy_cmd {
   Text source;
   Text dest;
@@ -70,7 +70,7 @@ void copy_free(pCopy *x);
 void copy_setup(pCopy x, FileCallback xok, FileCallback xfail);
 /// Reads the section (named without case) into the empty script `x`. A line that lacks a field is
 /// logged and dropped; an unknown keyword is logged and kept as type 0; a command of which
-/// a word was cut is kept and fails. 1; 0 for a null argument, a
+/// a word may be cut is kept and fails. 1; 0 for a null argument, a
 /// missing section, or (logged) a file that cannot be read.
 [[nodiscard]] int copy_load(pCopy x, const char *file, const char *section);
 

@@ -136,14 +136,15 @@ bool write_template_line(pCopy x, char *piece, std::FILE *out) {
   return std::fputs(expanded ? expanded->c_str() : piece, out) >= 0 && std::fputc('\n', out) >= 0;
 }
 
-/// True when a line of the template holds a zero byte, behind which it would be lost. What is read
-/// next is the first line.
-bool has_zero_byte(std::FILE *in, char (&piece)[TemplateLineSize]) {
+/// False, with errno set, when the template cannot be read to its end or holds a zero byte, behind
+/// which a line would be lost. What is read next is the first line.
+bool is_text(std::FILE *in, char (&piece)[TemplateLineSize]) {
   std::size_t size = 0;
   do size = read_piece(in, piece, sizeof piece);
   while (size > 0 && std::strlen(piece) == size);
-  std::rewind(in);
-  return size > 0;
+  if (size > 0) errno = EILSEQ;
+  else if (std::ferror(in) == 0) return std::fseek(in, 0, SEEK_SET) == 0;
+  return false;
 }
 
 /// Writes `piece` and all further lines of the template. 0 when either file fails; a failure to
@@ -235,7 +236,7 @@ int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_o
 int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   if (index >= copy_count(x)) return 0;
   if (x->list[index].cut) {
-    cerror("Line too long or with a zero byte, nothing done for '%s'", copy_src(x, index));
+    cerror("Line too long, nothing done for '%s'", or_empty(copy_src(x, index)));
     return 0;
   }
   if (!gate_open(x, index)) {
@@ -322,11 +323,10 @@ int copy_write_ini(pCopy x, std::uint32_t index) {
   const char *dest = copy_dst(x, index);
   const Stream in{s_fopen(source, "r")};
   char piece[TemplateLineSize];
-  // The first line is read before the target is emptied.
-  const bool binary = in && has_zero_byte(in.get(), piece);
-  const std::size_t size = in ? read_piece(in.get(), piece, sizeof piece) : 0;
-  if (binary) errno = EILSEQ;
-  if (!in || binary || std::ferror(in.get()) != 0) {
+  // The whole is tried before the target is emptied.
+  const bool good = in && is_text(in.get(), piece);
+  const std::size_t size = good ? read_piece(in.get(), piece, sizeof piece) : 0;
+  if (!good || std::ferror(in.get()) != 0) {
     if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
     return 0;
   }

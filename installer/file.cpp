@@ -121,9 +121,16 @@ bool is_dots(const char *name) {
 Descriptor open_source(const Place &src) {
   if (!src.regular) return open_file(src.dir, src.name, O_RDONLY, Allow::Plain);
   // No status call for what the listing called a regular file; should it have been replaced since,
-  // these flags neither block nor follow.
+  // these flags neither block nor follow, and `still_plain` finds out.
   const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
   return Descriptor{::openat(src.dir, src.name, flags)};
+}
+
+/// False, with errno set, when what was opened is no plain file. A pipe has no first byte and a
+/// device no last one, so that only an empty or a full first block needs to be asked about.
+bool still_plain(const Descriptor &source) {
+  struct ::stat info = {};
+  return ::fstat(source.get(), &info) == 0 && admitted(info, Allow::Plain);
 }
 
 /// Opens the destination for writing. A new file is the usual case; only an existing one can be
@@ -198,6 +205,10 @@ int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
   bool failed = false;
   const std::size_t size = fill_block(in.get(), block, failed);
   if (failed) return read_failed(src);
+  if (src.regular && size % BlockSize == 0 && !still_plain(in)) {
+    file_error("Error opening '%s' for read", src.path);
+    return 0;
+  }
   bool same = false;
   Descriptor out = open_target(dst, in.get(), same);
   if (same) {

@@ -42,9 +42,11 @@ void insert_value(Linklist<std::string> values, std::unique_ptr<std::string> cop
 bool add_item(Ini x, const char *name, const char *value) {
   auto item = std::make_unique<Item>();
   if (value != nullptr) insert_value(item->values, std::make_unique<std::string>(value));
-  const auto indexed = x->index.emplace(name, x->items);
+  // A later setting of the same name is never looked up.
+  const bool known = find_setting(x, name) >= 0;
+  const auto indexed = known ? x->index.end() : x->index.emplace(name, x->items);
   if (array_add(x->data, item.get()) == 0) {
-    x->index.erase(indexed);
+    if (!known) x->index.erase(indexed);
     return false;
   }
   static_cast<void>(item.release());

@@ -92,8 +92,8 @@ struct FoldedName {
 
 /// `list`: the table, in order of creation, with its end entry; empty until `ini_setup`. `items`:
 /// number of settings. `size`: capacity of the table in entries, the end entry included; it grows
-/// by 5. `data`: one item per setting at the same index, owned. `index`: where the settings of a
-/// name stand in the table; names that differ only in case are equal keys.
+/// by 5. `data`: one item per setting at the same index, owned. `index`: where the first setting
+/// of each name stands in the table; names that differ only in case are equal keys.
 struct ini {
   ini() = default;
   ini(const ini &) = delete;

@@ -108,12 +108,12 @@ void load_item(Init x, char *line, const Lines &lines) {
   const char *b = next_word(&line);
   const char *control = next_word(&line);
   const char *compare = next_word(&line);
-  if (compare == nullptr) return;
-  // Words behind the last argument do not count.
-  if (lines.begins_cut() || (lines.ends_cut() && *line == '\0')) {
-    emsg("Line too long or with a zero byte, nothing done for '%s %s'", word, a);
+  // Words behind the last argument may be cut.
+  if (lines.continued() || (lines.cut() && *line == '\0')) {
+    emsg("Line too long, nothing done for '%s %s'", word, or_empty(a));
     return;
   }
+  if (compare == nullptr) return;
   auto item = std::make_unique<init_item>(
       init_item{a, b, word_or_none(compare), word_or_none(control), command->mode});
   if (array_add(x->list, item.get()) != 0) static_cast<void>(item.release());

@@ -265,14 +265,15 @@ public:
   /// Skips to the first header "[section]" (compared without case; the closing bracket counts as
   /// part of the header only at the end of the line). From then on the next header ends the lines.
   [[nodiscard]] bool enter(const char *section);
-  /// True when reading ended with an error, which is then put into errno.
+  /// True when reading ended with an error, which is then put into errno: EILSEQ for a zero byte,
+  /// which no text holds.
   [[nodiscard]] bool failed() const;
-  /// True when the first word of the current line is the rest of a word: the line is a piece of a
-  /// longer one that was divided there.
-  [[nodiscard]] bool begins_cut() const { return begins_cut_; }
-  /// True when the last word of the current line is not whole: the line was divided inside it, or a
-  /// zero byte ends it. It may not be what was meant.
-  [[nodiscard]] bool ends_cut() const { return ends_cut_; }
+  /// True when the current line is not the end of the line that it was read from: its last word may
+  /// be cut, and words may be missing.
+  [[nodiscard]] bool cut() const { return cut_; }
+  /// True when the current line is not the beginning of the line that it was read from. It is never
+  /// taken for a header.
+  [[nodiscard]] bool continued() const { return continued_; }
 
   struct End {};
   class Iterator {
@@ -295,13 +296,13 @@ public:
 private:
   char *read();
   char *next();
-  void judge(std::size_t size);
+  std::size_t read_buffer();
+  [[nodiscard]] bool is_header(const char *line) const { return *line == '[' && !continued_; }
 
   Stream stream_;
   bool in_section_ = false;
-  bool begins_cut_ = false;
-  bool ends_cut_ = false;
-  bool divided_ = false; // inside a word, at the end of the piece read last
+  bool cut_ = false;
+  bool continued_ = false;
   int failed_ = 0;
   char buffer_[LineSize] = {};
 };

@@ -1,6 +1,5 @@
 #include "installer/lib.h"
 
-#include <cctype>
 #include <cstring>
 
 #include <fcntl.h>
@@ -84,12 +83,13 @@ int read_text(const char *file, std::string &text) {
   // One step to the whole size: a file that memory cannot hold is refused before it is read.
   text.reserve(size);
   char piece[LineSize - 2];
-  while (const std::size_t count = std::fread(piece, 1, sizeof piece, stream.get()))
+  while (const std::size_t count = std::fread(piece, 1, sizeof piece, stream.get())) {
     text.append(piece, count);
-  if (std::ferror(stream.get()) != 0) return 0;
-  if (text.find('\0') == std::string::npos) return 1;
-  errno = EILSEQ;
-  return 0;
+    if (std::memchr(piece, '\0', count) == nullptr) continue;
+    errno = EILSEQ;
+    return 0;
+  }
+  return std::ferror(stream.get()) == 0 ? 1 : 0;
 }
 
 int write_text(const char *file, const char *text) {
@@ -134,7 +134,7 @@ int same_file(const char *a, const char *b) {
 
 bool Lines::enter(const char *section) {
   while (char *line = read()) {
-    if (*line != '[') continue;
+    if (!is_header(line)) continue;
     const std::size_t length = std::strlen(line);
     if (line[length - 1] == ']') line[length - 1] = '\0';
     in_section_ = s_stricmp(line + 1, section) == 0;
@@ -148,31 +148,31 @@ bool Lines::failed() const {
   return failed_ != 0;
 }
 
-void Lines::judge(std::size_t size) {
-  begins_cut_ = divided_;
-  divided_ = size + 1 == sizeof buffer_ &&
-             std::isspace(static_cast<unsigned char>(buffer_[size - 1])) == 0;
-  if (divided_) {
+/// Reads up to the end of the line or of the buffer; 0 at the end or after an error.
+std::size_t Lines::read_buffer() {
+  const std::size_t size = stream_ ? read_piece(stream_.get(), buffer_, sizeof buffer_) : 0;
+  continued_ = cut_;
+  cut_ = false;
+  if (size + 1 == sizeof buffer_ && buffer_[size - 1] != '\n') {
     const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
-    divided_ = following != EOF && std::isspace(following) == 0;
+    cut_ = following != EOF && following != '\n' && following != '\r';
   }
-  ends_cut_ = divided_ || std::strlen(buffer_) < size;
+  if (std::strlen(buffer_) < size) failed_ = EILSEQ;
+  else if (stream_ && std::ferror(stream_.get()) != 0) failed_ = errno;
+  return failed_ == 0 ? size : 0;
 }
 
 char *Lines::read() {
-  while (const std::size_t size =
-             stream_ ? read_piece(stream_.get(), buffer_, sizeof buffer_) : 0) {
-    judge(size);
+  while (read_buffer() > 0) {
     char *line = s_strtrm(buffer_);
     if (*line != '\0' && *line != '#') return line;
   }
-  if (stream_ && std::ferror(stream_.get()) != 0) failed_ = errno;
   return nullptr;
 }
 
 char *Lines::next() {
   char *line = read();
-  if (line == nullptr || !in_section_ || *line != '[') return line;
+  if (line == nullptr || !in_section_ || !is_header(line)) return line;
   stream_.reset();
   return nullptr;
 }

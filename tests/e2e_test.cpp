@@ -106,9 +106,8 @@ Once "Notices" is in @here/../noticeboard:
   tree["conf/language"] = "en";
   tree["html/index.html"] = tree["html/welcome.en.html"];
   for (const char *page : {"html/welcome.de.html", "html/welcome.en.html"}) tree.erase(page);
-  const std::string settings = read_file("../noticeboard/conf/board.conf");
-  EXPECT_NE(settings.find("title=\"Notices\"\nadmin=\"me@b.org\"\npage_size=20\n"), settings.npos);
-  tree["conf/board.conf"] = settings;
+  const std::string conf = tree["conf/board.conf"] = read_file("../noticeboard/conf/board.conf");
+  EXPECT_NE(conf.find("title=\"Notices\"\nadmin=\"me@b.org\"\npage_size=20\n"), conf.npos);
   EXPECT_EQ(read_tree("../noticeboard"), tree);
   EXPECT_EQ(fs::status("../noticeboard/cgi/post.cgi").permissions(), fs::perms{0755});
   struct ::stat info = {};
@@ -116,7 +115,7 @@ Once "Notices" is in @here/../noticeboard:
   EXPECT_EQ(info.st_uid, root ? ::getpwnam("daemon")->pw_uid : ::geteuid());
 
   // An upgrade is the default once the board is there. It mends what it owns, and nothing else.
-  tree["conf/board.conf.new"] = settings;
+  tree["conf/board.conf.new"] = conf;
   for (const char *file : {"conf/previous.conf", "conf/board.conf", "notices/mine.txt"})
     write_file("../noticeboard/" + std::string{file}, tree[file] = "mine");
   write_file("../noticeboard/html/index.html", "broken");

@@ -22,9 +22,8 @@ TEST(Format, Conversions) {
   const char open[] = {'a', 'b', 'c'};
   EXPECT_EQ(print(99, "%s|%10.2s|%S|%.*s|%.3s|%5.1s", None, None, None, 3, open, open, "xyz"),
             "(NULL)|(NULL)|(NULL)|abc|abc|    x");
-  EXPECT_EQ(print(99, "%%d|%05d|%-*d|%C%S", 42, -3, 7, L'x', L"yz"), "%d|00042|7  |xyz");
-  for (const char *cut_short : {"ab%", "ab%-08", "ab%5.", "ab%.*"})
-    EXPECT_EQ(print(9, cut_short, 3), "ab");
+  EXPECT_EQ(print(99, "%%d|%-*d|%.*d|%C%S", -3, 7, -1, 5, L'x', L"yz"), "%d|7  |5|xyz");
+  for (const char *cut : {"ab%", "ab%-08", "ab%5.", "ab%.*"}) EXPECT_EQ(print(9, cut, 3), "ab");
   int counts[] = {-1, -1, -1};
   EXPECT_EQ(print(9, "ab%n%s%n", &counts[0], "cdefghijkl", &counts[1]), "abcdefgh");
   for (const char *format : {"%y", "%hn", "%ln", "%q%k", "%N"}) print(20, format, &counts[2]);
@@ -48,7 +47,7 @@ TEST(Wild, OddTexts) {
   while (wild.size() < 1000) wild += "a*";
   EXPECT_EQ(wmatch(text.c_str(), wild.c_str(), 1), 1);
   EXPECT_EQ(wild_ilist((text + "," + text).c_str(), (wild + "?b " + wild + "B").c_str()), 0);
-  EXPECT_EQ(wild_list(", ,\ta, ,\tmy file,\t", "\t ,none ,,file, "), 1);
+  EXPECT_EQ(wild_list(", ,\ta, ,my\tfile,\t", "\t ,no\tfile ,, "), 1);
   EXPECT_EQ(wild_list("", "*") + wild_list("a", nullptr) + wild_list(nullptr, "*"), 0);
 }
 

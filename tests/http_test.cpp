@@ -25,7 +25,7 @@ TEST(Http, KeepsWhatItFinds) {
   http_files = candidates;
   ASSERT_EQ(::mknod("pipe", S_IFIFO | 0600, 0), 0); // is passed over
   EXPECT_EQ(ask("UU"), "Cannot find httpd.conf file;Cannot find httpd.conf file;");
-  write_file("two", "# User root\nUser\nUserDir x");
+  write_file("two", "# User root\nUser\nUserDir x\nScriptAlias /cgi/ /x");
   EXPECT_EQ(ask("S"), "Could not find, Group, User, DocumentRoot, ScriptAlias;");
   write_file("two", "User odd\nDocumentRoot /a");
   EXPECT_EQ(ask("RU"), "User 'odd' has bad uid '-1';User 'odd' has bad uid '-1';");

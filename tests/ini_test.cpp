@@ -41,10 +41,10 @@ TEST(Store, CursorDecidesWhichValueCounts) {
 
 TEST(Substitution, EndsAndIsCut) {
   take_errors();
-  const std::string wide(600, 'w');
+  const std::string wide(600, 'w'), name(999, 'n');
   const Store x = make_store({"turn=$(one)", "open=$(host", "one=$(two)", "two=$(one)",
                               "self=$(Self)", "grow=$(grow)+$(b)", "a=$(b)/x", "b=$(host)/y",
-                              "host=h", "cut=$(wide)$(wide)$(b)", "wide=" + wide});
+                              "host=h", "cut=$(wide)$(wide)$(b)", "wide=" + wide, name + "=long"});
   EXPECT_EQ(ini_process(x.get()), 1);
   const std::string errors = take_errors(); // of "turn", "one", "two", "self" and "grow"
   EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 5) << errors;
@@ -53,6 +53,8 @@ TEST(Substitution, EndsAndIsCut) {
   char result[10];
   ini_replace(x.get(), "$(a)$(b)12$(a)", result, sizeof result); // the text between does not fit
   EXPECT_STREQ(result, "h/y/xh/y1");
+  ini_replace(x.get(), ("$(" + name + "nn)").c_str(), result, sizeof result); // so is a name
+  EXPECT_STREQ(result, "longn)");
 }
 
 } // namespace installer

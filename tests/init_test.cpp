@@ -40,7 +40,7 @@ TEST(Init, LoadsAndEvaluates) {
   EXPECT_EQ(values, "true|false|true|true|box|box|$(x)|x|x|box|text|" + lines + "|");
   const std::string errors =
       "Error: Unknown init command 'exist'\n"
-      "Error: Line too long or with a zero byte, nothing done for 'Copy 12'\n"
+      "Error: Line too long, nothing done for 'Copy 12'\n"
       "Error: Unknown init command 'xxxxxxxxxxxxx'\n"
       "Error: Failed to test (/@), File name too long\nError: TimeDate 'gone' is NULL\n"
       "Error: Failed to read (gone), No such file or directory\n"

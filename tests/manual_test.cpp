@@ -34,9 +34,8 @@ TEST(Manual, ExampleProductRuns) {
   const std::string own = // the first of a name wins
       "dir $(current_dir)/target\npages_dir $(current_dir)/www\npages true\nowner ";
   write_file("notes.dat", own + (user ? user->pw_name : "root") + "\n" + read_file("notes.dat"));
-  const Start notes{.name = "./notes"};
-  const auto expect = [&notes](const std::vector<std::string> &arguments, const char *text) {
-    const std::string console = run(arguments, {}, Via::Pipe, notes).console;
+  const auto expect = [](const std::vector<std::string> &arguments, const char *text) {
+    const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;
   };
   expect({"-automate"}, "[Install]\nCopying files[.......]\nSuccess 42 bytes in 19 files ");

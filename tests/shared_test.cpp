@@ -18,9 +18,11 @@ TEST(DataFile, BecomesSettings) {
                            ";action0=install;product4=My \t Product;tabbed4=a\tb;only4-;" +
                            "host4=mine;url4=" + host + ":" + here + "/My \t Product$(nosuch);";
   fs::create_directory("directory");
+  write_file("zero", std::string{"root /opt\0/x\n", 14});
   ASSERT_EQ(::mkfifo("pipe", 0600), 0);
   const Store x{ini_init()};
-  for (const char *wrong : {"missing", "directory", "pipe", static_cast<const char *>(nullptr)})
+  for (const char *wrong :
+       {"missing", "directory", "pipe", "zero", static_cast<const char *>(nullptr)})
     EXPECT_EQ(load_datfile(x.get(), wrong), 0) << or_empty(wrong);
   EXPECT_EQ(load_datfile(nullptr, "pkg.dat") + load_datfile(x.get(), "pkg.dat"), 1);
   std::string got;
