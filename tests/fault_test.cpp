@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 
 #include <pwd.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -93,6 +95,37 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
     }
     EXPECT_GT(runs, 0) << row;
   }
+}
+
+/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
+static bool run_and_kill(int last) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
+    ::_exit(1);
+  }
+  int status = 0;
+  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    if (stops == 2 * last) ::kill(pid, SIGKILL);
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+  }
+  return WIFSIGNALED(status);
+}
+
+TEST(Fault, KilledAtEveryTenthSystemCall) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  const Tree complete = expected_tree();
+  int kills = 0;
+  for (bool killed = true; killed; ++kills) {
+    const TempDir scratch;
+    write_product();
+    killed = run_and_kill(10 * (kills + 1));
+    install();
+    ASSERT_EQ(read_tree("out"), complete) << "after kill " << kills;
+  }
+  EXPECT_GT(kills, 10);
 }
 
 TEST(Fault, FileThatFailsWhenItIsClosed) {
