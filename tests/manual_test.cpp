@@ -5,51 +5,28 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <regex>
-
-#include <pwd.h>
-#include <unistd.h>
 
 namespace installer {
 
-/// The files that a page shows: each in a display behind a comment with its name.
-static Tree read_page(const std::string &name) {
-  const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
-  const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/" + name);
-  Tree files;
-  for (std::sregex_iterator it{page.begin(), page.end(), display}, end; it != end; ++it)
-    files[it->str(1)] = std::regex_replace(it->str(2), backslash, "\\");
-  return files;
-}
-
 TEST(Manual, ExampleProductRuns) {
   const TempDir folder;
-  for (const char *name : {"dat", "int", "q", "cpy"})
-    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
-      write_file(file, text);
-  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
-    write_file(std::string{"files/"} + file, file);
-  write_file("www/other", "");
-  const struct ::passwd *user = ::getpwuid(::getuid());
-  const std::string own = // the first of a name wins
-      "dir $(current_dir)/target\npages_dir $(current_dir)/www\npages true\nowner ";
-  write_file("notes.dat", own + (user ? user->pw_name : "root") + "\n" + read_file("notes.dat"));
+  write_notes();
   const auto expect = [](const std::vector<std::string> &arguments, const char *text) {
     const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;
   };
-  expect({"-automate"}, "[Install]\nCopying files[.......]\nSuccess 42 bytes in 19 files ");
-  Tree installed = read_tree("target");
+  expect({"-automate"}, "[Install]\nCopying files[.......]\nSuccess 42 bytes in 23 files ");
+  Tree installed = read_tree("out");
   EXPECT_NE(installed["etc/notes.conf"].find("\nPort=8080\n"), std::string::npos);
   EXPECT_TRUE(installed.contains("bin/notesd") && !installed.contains("share/drafts/"));
   installed["etc/notes.conf"] = "the operator's";
-  write_file("target/etc/notes.conf", "the operator's");
-  expect({"-automate"}, "[Upgrade]\nCopying files[..]\nSuccess ");
-  EXPECT_EQ(read_tree("target"), installed);
+  write_file("out/etc/notes.conf", "the operator's");
+  expect({"-automate"}, "[Upgrade]\nCopying files[...]\nSuccess ");
+  EXPECT_EQ(read_tree("out"), installed);
   expect({"-automate", "-special", "pages"}, "]\n Success 1 files done.\n");
   EXPECT_EQ(read_file("www/index.html"), "share/index.html");
-  expect({"-automate", "-special", "remove"}, "]\n Success 8 files done.\n");
-  EXPECT_FALSE(fs::exists("target"));
+  expect({"-automate", "-special", "remove"}, "]\n Success 9 files done.\n");
+  EXPECT_FALSE(fs::exists("out"));
   for (const char *fault : {"Error: Missing", "Error: Unknown"})
     EXPECT_EQ(read_log("notes.log").find(fault), std::string::npos) << read_log("notes.log");
 }

@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -118,6 +119,37 @@ Tree read_tree(const std::string &path) {
     else tree[name] = read_file(entry.path().string());
   }
   return tree;
+}
+
+Tree read_page(const std::string &name) {
+  const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
+  const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/" + name);
+  Tree files;
+  for (std::sregex_iterator it{page.begin(), page.end(), display}, end; it != end; ++it)
+    files[it->str(1)] = std::regex_replace(it->str(2), backslash, "\\");
+  return files;
+}
+
+/// Puts settings in front of the others: the first of a name wins.
+static void preset(const std::string &file, const std::string &settings) {
+  write_file(file, "dir $(current_dir)/out\n" + settings + read_file(file));
+}
+
+void write_demo() {
+  fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
+  preset("noticeboard.dat", "");
+}
+
+void write_notes() {
+  for (const char *name : {"dat", "int", "q", "cpy"})
+    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
+      write_file(file, text);
+  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
+    write_file(std::string{"files/"} + file, file);
+  write_file("www/other", "");
+  const struct ::passwd *user = ::getpwuid(::getuid());
+  const std::string owner = user != nullptr ? user->pw_name : "root";
+  preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
 }
 
 Store make_store(const std::vector<std::string> &settings) {
