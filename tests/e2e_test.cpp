@@ -199,7 +199,10 @@ Removing files[..................]
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty));
+static std::string via_name(const testing::TestParamInfo<Via> &info) {
+  return info.param == Via::Pipe ? "Pipe" : "Terminal";
+}
+INSTANTIATE_TEST_SUITE_P(, Demo, testing::Values(Via::Pipe, Via::Pty), via_name);
 
 // ---- Small products ----
 
@@ -285,7 +288,7 @@ TEST_P(Small, Dialogues) {
   expect("@auto@done", "", "blurb.txt");
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty));
+INSTANTIATE_TEST_SUITE_P(, Small, testing::Values(Via::Pipe, Via::Pty), via_name);
 
 // ---- Starting the program ----
 
