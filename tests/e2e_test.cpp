@@ -73,8 +73,7 @@ struct Demo : testing::TestWithParam<Via> {
   void converse(Via via, const Arguments &arguments, const std::string &presets,
                 const std::string &dialogue) const {
     write_file("noticeboard.dat", presets + read_file("noticeboard.dat"));
-    talk(via, arguments, "ERROR: Cannot find httpd.conf file\n@banner" + dialogue, words,
-         {.name = "./noticeboard"});
+    talk(via, arguments, "@banner" + dialogue, words, {.name = "./noticeboard"});
   }
 
   static std::string size_of(const Tree &tree) {
