@@ -224,7 +224,7 @@ void cerror(const char *format, ...) {
   va_start(arg, format);
   Message message = make_message(format, arg);
   va_end(arg);
-  if (errno != 0) add_system_text(message);
+  add_cause(message, last_cause());
   emsg("%s", message.text);
 }
 

@@ -49,6 +49,23 @@ using Text = std::optional<std::string>;
 /// `text`, or the empty text for null.
 [[nodiscard]] inline const char *or_empty(const char *text) { return text ? text : ""; }
 
+/// Why something failed: an error number of the system, or words of our own that have one as well.
+/// It is taken where the call failed and travels as a value from there. `words`: of static storage,
+/// null for the system's text. Number 0: there is no cause.
+struct Cause {
+  int number = 0;
+  const char *words = nullptr;
+
+  [[nodiscard]] explicit operator bool() const noexcept { return number != 0; }
+};
+
+/// What the system call that has just failed left in errno.
+[[nodiscard]] inline Cause last_cause() { return {errno}; }
+/// The text of the cause (C's strerror for a number without words). Lasts until the next call.
+[[nodiscard]] const char *cause_text(const Cause &cause);
+/// A text holds no zero byte: what comes behind one would be lost.
+inline constexpr Cause ZeroByte = {EILSEQ, "it holds a zero byte"};
+
 /// Puts errno back to what it was.
 class KeepErrno {
 public:
@@ -341,7 +358,7 @@ struct Message {
   char text[LineSize];
 };
 [[nodiscard, gnu::format(printf, 1, 0)]] Message make_message(const char *format, std::va_list arg);
-/// Appends ", " and the system's text for errno.
-void add_system_text(Message &message);
+/// Appends ", " and the text of the cause; nothing when there is none.
+void add_cause(Message &message, const Cause &cause);
 
 } // namespace installer

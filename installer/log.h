@@ -67,5 +67,8 @@ void check_emsglog();
 [[gnu::format(printf, 1, 2)]] void emsg(const char *format, ...);
 [[gnu::format(printf, 1, 2)]] void imsg(const char *format, ...);
 [[gnu::format(printf, 1, 2)]] void dmsg(const char *format, ...);
+/// emsg with ", " and the text of the cause behind the message, when there is a cause; the whole is
+/// cut at 999 characters. Every failure of a system call is logged through it.
+[[gnu::format(printf, 2, 3)]] void emsg_cause(const Cause &cause, const char *format, ...);
 
 } // namespace installer
