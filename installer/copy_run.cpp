@@ -160,9 +160,10 @@ int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
 // ---- Running ----
 
 bool gate_open(pCopy x, std::uint32_t index) {
+  // Both are looked up, whatever the first gives: a look-up decides where the next value goes.
   const char *control = ini_value_name(x->ini, copy_control(x, index));
-  if (control == nullptr) return true;
   const char *compare = ini_value_or_text(x->ini, copy_control_cmp(x, index));
+  if (control == nullptr) return true;
   return compare != nullptr ? s_stricmp(compare, control) == 0 : istrue(control) != 0;
 }
 
