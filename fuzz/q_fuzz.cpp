@@ -11,7 +11,7 @@ void installer::fuzz(const std::string &input, Ini ini) {
   const int loaded = quest_load(&set, as_file(in[0]), "Install");
   int found = 0;
   std::uint32_t i = 0;
-  for (const Texts &line : lines_of(in[0], found)) {
+  for (const Texts &line : lines_of(in[0], {}, found)) {
     const auto is = [&line](const char *word) { return s_stricmp(line[1].c_str(), word) == 0; };
     if (line.size() <= (is("Exist") || is("Loop") ? 3U : is("Error") ? 4U : 6U)) continue;
     std::string setting = line[is("Exist") ? 3 : 2], answer = in[1 + i % (in.size() - 1)];

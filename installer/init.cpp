@@ -21,6 +21,7 @@ void set_setting(Ini ini, const std::string &setting, const char *value) {
   ini_add_name(ini, setting.c_str(), value);
 }
 
+/// A path that does not fit arrives empty: nothing is there.
 void run_exist(Ini ini, const init_item &item, const char *path) {
   set_setting(ini, item.b, file_exist(path) != 0 ? "true" : "false");
 }
@@ -69,54 +70,53 @@ void run_rfile(Ini ini, const init_item &item, const char *path) {
   else if (!text.empty()) set_setting(ini, item.b, text.c_str());
 }
 
-/// `doing`: what the command does with the path in `a`, for its error line; null when `a` is none.
-struct Command {
-  const char *word;
-  IItemMode mode;
-  const char *doing;
-  void (*run)(Ini ini, const init_item &item, const char *path);
-};
-constexpr Command commands[] = {
-    {"Exist",        IExist,        "test",  run_exist    },
-    {"Copy",         ICopy,         nullptr, run_copy     },
-    {"HTTP_User",    IHTTP_User,    nullptr, run_http     },
-    {"HTTP_Group",   IHTTP_Group,   nullptr, run_http     },
-    {"HTTP_Root",    IHTTP_Root,    nullptr, run_http     },
-    {"HTTP_Scripts", IHTTP_Scripts, nullptr, run_http     },
-    {"TimeDate",     ITimeDate,     nullptr, run_time_date},
-    {"WFile",        IWFile,        "write", run_wfile    },
-    {"RFile",        IRFile,        "read",  run_rfile    },
+using enum InitOperand;
+constexpr InitCommand commands[] = {
+    {"Exist",        IExist,        Path,   Result,  "test",  run_exist    },
+    {"Copy",         ICopy,         Result, Value,   nullptr, run_copy     },
+    {"HTTP_User",    IHTTP_User,    Result, Missing, nullptr, run_http     },
+    {"HTTP_Group",   IHTTP_Group,   Result, Missing, nullptr, run_http     },
+    {"HTTP_Root",    IHTTP_Root,    Result, Missing, nullptr, run_http     },
+    {"HTTP_Scripts", IHTTP_Scripts, Result, Missing, nullptr, run_http     },
+    {"TimeDate",     ITimeDate,     Format, Result,  nullptr, run_time_date},
+    {"WFile",        IWFile,        Path,   Value,   "write", run_wfile    },
+    {"RFile",        IRFile,        Path,   Result,  "read",  run_rfile    },
 };
 
-const Command *find_mode(IItemMode mode) {
-  for (const Command &command : commands)
+const InitCommand *find_mode(IItemMode mode) {
+  for (const InitCommand &command : commands)
     if (command.mode == mode) return &command;
   return nullptr;
 }
 
 Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
 
-void load_item(Init x, char *line, const Lines &lines) {
-  const char *word = next_word(&line);
-  if (word == nullptr) return;
-  const Command *command = find_word(commands, word, s_strcmp);
-  if (command == nullptr) {
-    emsg("Unknown init command '%s'", word);
-    return;
-  }
+void add_item(Init x, init_item item) {
+  auto owned = std::make_unique<init_item>(std::move(item));
+  if (array_add(x->list, owned.get()) != 0) static_cast<void>(owned.release());
+}
+
+void load_item(Init x, char *line, const Lines &lines, const Faults &faults) {
+  const auto tell = [&](Severity severity, FaultKind kind, const std::string &text,
+                        const char *word) { faults(lines.fault(severity, kind, text, word)); };
+  const std::string word = or_empty(next_word(&line));
+  const InitCommand *command = find_word(commands, word.c_str(), s_strcmp);
+  if (command == nullptr)
+    return tell(Severity::Error, FaultKind::UnknownKeyword, "Unknown init command '" + word + "'",
+                word.c_str());
   const char *a = next_word(&line);
   const char *b = next_word(&line);
   const char *control = next_word(&line);
   const char *compare = next_word(&line);
   // Words behind the last argument may be cut.
-  if (lines.continued() || (lines.cut() && *line == '\0')) {
-    emsg("Line too long, nothing done for '%s %s'", word, or_empty(a));
-    return;
-  }
-  if (compare == nullptr) return;
-  auto item = std::make_unique<init_item>(
-      init_item{a, b, word_or_none(compare), word_or_none(control), command->mode});
-  if (array_add(x->list, item.get()) != 0) static_cast<void>(item.release());
+  if (lines.continued() || (lines.cut() && *line == '\0'))
+    return tell(Severity::Error, FaultKind::Cut,
+                "Line too long, nothing done for '" + word + " " + or_empty(a) + "'", nullptr);
+  if (compare == nullptr)
+    return tell(Severity::Remark, FaultKind::MissingWord, "Too few words", nullptr);
+  if (const char *surplus = next_word(&line))
+    tell(Severity::Remark, FaultKind::Surplus, "Words that are never read", surplus);
+  add_item(x, {a, b, word_or_none(compare), word_or_none(control), command->mode, lines.number()});
 }
 
 bool gate_open(Ini ini, const init_item &item) {
@@ -125,28 +125,37 @@ bool gate_open(Ini ini, const init_item &item) {
 }
 
 void run_item(Ini ini, const init_item &item) {
-  const Command *command = find_mode(item.mode);
+  const InitCommand *command = find_mode(item.mode);
   if (command == nullptr || !gate_open(ini, item)) return;
   char path[PathSize] = "";
-  if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0)
+  if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0) {
     log_failure(command->doing, item.a.c_str());
-  else command->run(ini, item, path);
+    if (item.mode != IExist) return;
+  }
+  command->run(ini, item, path);
 }
 
 } // namespace
+
+std::span<const InitCommand> init_commands() { return commands; }
 
 Init init_init() { return new init_s; }
 
 void init_free(Init *x) { drop(x); }
 
-int init_load(Init x, const char *file) {
+int init_load(Init x, const char *file, const Faults &faults) {
   if (x == nullptr || file == nullptr) return 0;
-  Lines lines{file};
-  if (lines)
-    for (char *line : lines) load_item(x, line, lines);
-  if (lines && !lines.failed()) return 1;
-  init_seterror("Failed to read '%s', %s", file, std::strerror(errno));
+  Lines lines{file, faults, InitLines};
+  init_read(x, lines, faults);
+  if (!lines.failed()) return 1;
+  const Fault fault = lines.unreadable("Failed to read");
+  if (lines.zero_byte()) faults(fault);
+  init_seterror("%s", fault.text.c_str());
   return 0;
+}
+
+void init_read(Init x, Lines &lines, const Faults &faults) {
+  for (char *line : lines) load_item(x, line, lines, faults);
 }
 
 void init_evaluate(Init x, Ini ini) {

@@ -1,6 +1,7 @@
 #include "installer/quest.h"
 
 #include "installer/file.h"
+#include "installer/lines.h"
 #include "installer/log.h"
 
 #include <cstring>
@@ -124,7 +125,7 @@ bool load_section(Questions x, const char *file, const char *section) {
   if (found)
     for (char *line : lines) load_line(x, line);
   if (lines.failed()) {
-    quest_seterror("Error reading '%s'", file);
+    quest_seterror("Error reading '%s', %s", file, lines.reason().c_str());
     return false;
   }
   if (!found) emsg("Section '%s' not found", section);
