@@ -25,7 +25,7 @@ enum class FaultKind {
   MissingWord,    // the line ends too early and is dropped
   Cut,            // a word may have been lost behind the 999th character
   Circle,         // a setting leads back to itself; `word` is its name
-  Failed,         // an item could not do its work
+  Failed,         // an item could not do its work; `word` is its keyword
   ByteOrderMark,  // the file begins with one
   CarriageReturn, // a line ends with one
   LongLine,       // what is behind the 999th character is read as a line of its own
@@ -33,8 +33,16 @@ enum class FaultKind {
   Outside,        // a line stands before the first section
 };
 
+/// An operation that failed: what could not be done ("cannot write"), to which path, and why.
+struct Failure {
+  std::string what;
+  std::string path;
+  Cause cause;
+};
+
 /// `file`: as it was given to the loader. `line`: from 1, as an editor counts; 0 for the file as a
-/// whole. `text`: the whole message.
+/// whole. `text`: the whole message. `word`: the word that it is about, if any. `failure`: of a
+/// fault of the kind `Failed`, else empty.
 struct Fault {
   Severity severity = Severity::Error;
   FaultKind kind = FaultKind::Unreadable;
@@ -42,16 +50,10 @@ struct Fault {
   std::size_t line = 0;
   std::string text;
   std::string word;
+  Failure failure = {};
 };
 
 /// Takes faults in the order in which they are found. An empty one is not called.
 using Faults = std::function<void(const Fault &)>;
-
-/// An operation that failed: what could not be done ("cannot write"), to which path, and why.
-struct Failure {
-  std::string what;
-  std::string path;
-  Cause cause;
-};
 
 } // namespace installer

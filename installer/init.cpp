@@ -13,42 +13,41 @@ namespace {
 
 Text last_error;
 
-void log_failure(const char *doing, const char *path) {
-  emsg("Failed to %s (%s), %s", doing, path, std::strerror(errno));
-}
-
 void set_setting(Ini ini, const std::string &setting, const char *value) {
   ini_add_name(ini, setting.c_str(), value);
 }
 
 /// A path that does not fit arrives empty: nothing is there.
-void run_exist(Ini ini, const init_item &item, const char *path) {
+Cause run_exist(Ini ini, const init_item &item, const char *path) {
   set_setting(ini, item.b, file_exist(path) != 0 ? "true" : "false");
+  return {};
 }
 
-void run_copy(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_copy(Ini ini, const init_item &item, const char * /*path*/) {
   set_setting(ini, item.a, ini_value_or_text(ini, item.b.c_str()));
+  return {};
 }
 
-void run_http(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_http(Ini ini, const init_item &item, const char * /*path*/) {
   char value[LineSize] = "";
   char message[LineSize] = "";
   const auto wanted = [&](IItemMode mode) { return item.mode == mode ? value : nullptr; };
   if (init_find_http_conf(wanted(IHTTP_User), wanted(IHTTP_Group), wanted(IHTTP_Root),
                           wanted(IHTTP_Scripts), message) != 0) {
     set_setting(ini, item.a, value);
-    return;
+    return {};
   }
   std::printf("ERROR: %s\n", message);
   set_setting(ini, item.b, "true");
+  return {};
 }
 
-void run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
   const std::time_t now = std::time(nullptr);
   const char *format = ini_value_name(ini, item.a.c_str());
   if (format == nullptr) {
     emsg("TimeDate '%s' is NULL", item.a.c_str());
-    return;
+    return {};
   }
   struct ::tm local = {};
   char text[LineSize];
@@ -58,16 +57,19 @@ void run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
                     std::strftime(text, sizeof text, format, &local) > 0;
 #pragma GCC diagnostic pop
   set_setting(ini, item.b, fits ? text : "");
+  return {};
 }
 
-void run_wfile(Ini ini, const init_item &item, const char *path) {
-  if (write_text(path, ini_value_or_text(ini, item.b.c_str())) == 0) log_failure("write", path);
+Cause run_wfile(Ini ini, const init_item &item, const char *path) {
+  const bool written = write_text(path, ini_value_or_text(ini, item.b.c_str())) != 0;
+  return written ? Cause{} : last_cause();
 }
 
-void run_rfile(Ini ini, const init_item &item, const char *path) {
+Cause run_rfile(Ini ini, const init_item &item, const char *path) {
   std::string text;
-  if (read_text(path, text) == 0) log_failure("read", path);
-  else if (!text.empty()) set_setting(ini, item.b, text.c_str());
+  if (read_text(path, text) == 0) return last_cause();
+  if (!text.empty()) set_setting(ini, item.b, text.c_str());
+  return {};
 }
 
 using enum InitOperand;
@@ -124,15 +126,32 @@ bool gate_open(Ini ini, const init_item &item) {
   return s_strcmp(text_of(item.compare), ini_value_or_text(ini, text_of(item.control))) == 0;
 }
 
-void run_item(Ini ini, const init_item &item) {
+/// The fault of an item that could not do what it does with a path.
+Fault failed(const init_s &script, const init_item &item, const InitCommand &command,
+             const char *path, const Cause &cause) {
+  const std::string doing = command.doing;
+  const std::string text = "Failed to " + doing + " (" + path + "), " + cause_text(cause);
+  return {
+      Severity::Error,
+      FaultKind::Failed,
+      script.file,
+      item.line,
+      text,
+      command.word,
+      {"cannot " + doing, path, cause}
+  };
+}
+
+void run_item(const init_s &script, const init_item &item, Ini ini, const Faults &faults) {
   const InitCommand *command = find_mode(item.mode);
   if (command == nullptr || !gate_open(ini, item)) return;
   char path[PathSize] = "";
   if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0) {
-    log_failure(command->doing, item.a.c_str());
+    faults(failed(script, item, *command, item.a.c_str(), last_cause()));
     if (item.mode != IExist) return;
   }
-  command->run(ini, item, path);
+  if (const Cause cause = command->run(ini, item, path))
+    faults(failed(script, item, *command, path, cause));
 }
 
 } // namespace
@@ -145,6 +164,7 @@ void init_free(Init *x) { drop(x); }
 
 int init_load(Init x, const char *file, const Faults &faults) {
   if (x == nullptr || file == nullptr) return 0;
+  x->file = file;
   Lines lines{file, faults, InitLines};
   init_read(x, lines, faults);
   if (!lines.failed()) return 1;
@@ -158,13 +178,20 @@ void init_read(Init x, Lines &lines, const Faults &faults) {
   for (char *line : lines) load_item(x, line, lines, faults);
 }
 
-void init_evaluate(Init x, Ini ini) {
+void init_evaluate(Init x, Ini ini, const Faults &faults) {
   for (IItem item = init_get_num(x, 0); item != nullptr; item = init_get(x)) {
-    errno = 0;
     try {
-      run_item(ini, *item);
+      run_item(*x, *item, ini, faults);
     } catch (const std::bad_alloc &) {
-      emsg("Out of memory in init command for '%s'", item->a.c_str());
+      faults({
+          Severity::Error,
+          FaultKind::Failed,
+          x->file,
+          item->line,
+          "Out of memory in init command for '" + item->a + "'",
+          {        },
+          { "out of memory", item->a, {ENOMEM}}
+      });
     }
   }
 }

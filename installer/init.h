@@ -57,21 +57,21 @@ using IItem = init_item *;
 enum class InitOperand { Path, Result, Format, Missing, Value };
 
 /// All about one keyword: what its arguments `a` and `b` mean, and the function that runs it, to
-/// which a path arrives with its references replaced. `doing`: what it does with the path in `a`,
-/// for its error line; null when `a` is none.
+/// which a path arrives with its references replaced, and which returns why it failed, if it did.
+/// `doing`: what it does with the path in `a`, for its error line; null when `a` is none.
 struct InitCommand {
   const char *word;
   IItemMode mode;
   InitOperand a;
   InitOperand b;
   const char *doing;
-  void (*run)(Ini ini, const init_item &item, const char *path);
+  Cause (*run)(Ini ini, const init_item &item, const char *path);
 };
 
 /// All keywords; they are compared with case.
 [[nodiscard]] std::span<const InitCommand> init_commands();
 
-/// A loaded script: the items in file order, owned.
+/// A loaded script: the items in file order, owned, and the path of the file.
 struct init_s {
   init_s() = default;
   init_s(const init_s &) = delete;
@@ -79,6 +79,7 @@ struct init_s {
   ~init_s() { array_free_dealloc(&list); }
 
   Array<init_item> list = array_init<init_item>();
+  std::string file;
 };
 using Init = init_s *;
 
@@ -94,9 +95,9 @@ void init_free(Init *x);
 inline constexpr LineRules InitLines = {.joined_comments = true};
 /// Appends the items of the lines to come.
 void init_read(Init x, Lines &lines, const Faults &faults);
-/// Runs the items in file order on the store. A failed item is logged (a web-server item: printed
-/// on standard output) and never stops the rest.
-void init_evaluate(Init x, Ini ini);
+/// Runs the items in file order on the store. `faults` takes those that fail (a web-server item
+/// prints its reason on standard output instead); none stops the rest.
+void init_evaluate(Init x, Ini ini, const Faults &faults = log_fault);
 
 /// The item at `index`, or null; the cursor moves behind it.
 [[nodiscard]] IItem init_get_num(Init x, int index);
