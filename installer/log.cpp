@@ -87,6 +87,11 @@ void queue_error(const char *text) {
 /// True when the current log takes messages of level `l`; errors it takes unless it is silent.
 bool takes(LogLevel l) { return CurrentLog != nullptr && CurrentLog->Level >= l; }
 
+void log_error(const Message &message) {
+  if (takes(LogError)) log_line(CurrentLog, message.text, LogError);
+  else queue_error(message.text);
+}
+
 } // namespace
 
 Log log_init(LogLevel l) {
@@ -170,10 +175,23 @@ void emsg(const char *format, ...) {
   const KeepErrno keep;
   std::va_list arg;
   va_start(arg, format);
-  const Message message = make_message(format, arg);
+  log_error(make_message(format, arg));
   va_end(arg);
-  if (takes(LogError)) log_line(CurrentLog, message.text, LogError);
-  else queue_error(message.text);
+}
+
+void emsg_cause(const Cause &cause, const char *format, ...) {
+  if (format == nullptr) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  Message message = make_message(format, arg);
+  va_end(arg);
+  add_cause(message, cause);
+  log_error(message);
+}
+
+void log_fault(const Fault &fault) {
+  if (fault.severity == Severity::Error) emsg("%s", fault.text.c_str());
 }
 
 void imsg(const char *format, ...) {
