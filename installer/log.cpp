@@ -108,6 +108,7 @@ int log_open(Log x, const char *file) {
   if (fd) x->F.reset(::fdopen(fd.get(), "a"));
   if (!x->F) return 0;
   fd.release();
+  if (std::strcmp(x->File, file) != 0) x->Held = 0;
   scpy(x->File, file, sizeof x->File);
   if (CurrentLog == nullptr) {
     CurrentLog = x;

@@ -76,6 +76,10 @@ TEST_F(LogTest, FileThatCannotBeMovedKeepsItsBackups) {
   fs::remove(name); // it would come back if every line tried again
   write_lines(15, 15);
   EXPECT_FALSE(fs::exists(name));
+  write_file("other", std::string(x->Held, '\n')); // does not wait for the file that failed
+  EXPECT_EQ(log_open(x, "other"), 1);
+  write_lines(16, 16);
+  EXPECT_TRUE(fs::exists("other0"));
 }
 
 TEST_F(LogTest, OnlyPlainPlacesOpen) {
