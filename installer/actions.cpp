@@ -152,9 +152,10 @@ constexpr Special specials[] = {
 };
 
 bool gate_open(const Pass &pass) {
+  // Both are looked up before either is judged: a look-up decides where the next value goes.
   const char *control = ini_value_name(pass.ini, quest_control(pass.quest, pass.index));
-  if (control == nullptr) return true;
   const char *compare = ini_value_or_text(pass.ini, quest_control_cmp(pass.quest, pass.index));
+  if (control == nullptr) return true;
   return compare != nullptr ? std::strcmp(control, compare) == 0 : istrue(control) != 0;
 }
 

@@ -257,6 +257,8 @@ TEST_P(Small, Dialogues) {
          "[upgrade]\nError e h No $(product)");
   expect("@1Error: The questions repeat without end\n@bye@exit", "", "pkg.q",
          "[install]\nExist . here\nLoop e 0");
+  expect("@1X []? {x}\n@review{}\n@done@bye@exit", "false", "pkg.q",
+         "[install]\nExist . s\nText x none s h X\nExist none s\nCopy a - - h s");
   // Unattended.
   expect("@auto@done@bye", "a", "pkg.q", "[install]\nLoop e -1\nText a - - h A");
   expect("@auto@done@bye", "1", "pkg.dat", "product P\na 1");
