@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 namespace installer {
 
@@ -13,47 +12,58 @@ namespace {
 constexpr std::size_t LongestPiece = 8999;
 constexpr std::size_t LongestText = 9999;
 
-/// A required field of a command line: its name in the debug log and the error when it is missing.
-struct Slot {
-  Text copy_cmd::*field;
-  const char *name;
-  const char *missing;
-};
-constexpr Slot source_slot = {&copy_cmd::source, "source", "Missing copy source path"};
-constexpr Slot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard"};
-constexpr Slot dest_slot = {&copy_cmd::dest, "destination", "Missing copy destination path"};
+constexpr CopySlot source_slot(Operand operand) {
+  return {&copy_cmd::source, "source", "Missing copy source path", operand};
+}
+constexpr CopySlot dest_slot(Operand operand) {
+  return {&copy_cmd::dest, "destination", "Missing copy destination path", operand};
+}
+constexpr CopySlot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard", Operand::Exclusions};
 
-constexpr Slot tree_slots[] = {source_slot, not_slot, dest_slot};
-constexpr Slot pair_slots[] = {source_slot, dest_slot};
-constexpr Slot removal_slots[] = {source_slot, not_slot};
-constexpr Slot path_slots[] = {source_slot};
+constexpr CopySlot copy_slots[] = {source_slot(Operand::Pattern), not_slot,
+                                   dest_slot(Operand::Directories)};
+constexpr CopySlot chown_slots[] = {source_slot(Operand::Bounded), not_slot,
+                                    dest_slot(Operand::Owner)};
+constexpr CopySlot chmod_slots[] = {source_slot(Operand::Bounded), not_slot,
+                                    dest_slot(Operand::Mode)};
+constexpr CopySlot removal_slots[] = {source_slot(Operand::Bounded), not_slot};
+constexpr CopySlot path_slots[] = {source_slot(Operand::Path)};
+constexpr CopySlot pair_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Path)};
+constexpr CopySlot write_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Value)};
+constexpr CopySlot result_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Result)};
+constexpr CopySlot decision_slots[] = {source_slot(Operand::Decision)};
 
-struct Keyword {
-  const char *word;
-  CType type;
-  std::span<const Slot> slots;
-};
-constexpr Keyword keywords[] = {
-    {"CopyFile", CType::CpyFile, tree_slots   },
-    {"CopyDir",  CType::CpyDir,  tree_slots   },
-    {"MkDir",    CType::MkDir,   path_slots   },
-    {"Ini",      CType::CpyIni,  pair_slots   },
-    {"Rename",   CType::Rename,  pair_slots   },
-    {"RmFile",   CType::RmFile,  removal_slots},
-    {"RmDir",    CType::RmDir,   removal_slots},
-    {"Exist",    CType::Exist,   pair_slots   },
-    {"Chown",    CType::Chown,   tree_slots   },
-    {"Chmod",    CType::Chmod,   tree_slots   },
-    {"Error",    CType::Error,   path_slots   },
-    {"WFile",    CType::WFile,   pair_slots   },
-    {"RFile",    CType::RFile,   pair_slots   },
-};
-constexpr Keyword unknown_keyword = {nullptr, static_cast<CType>(0), tree_slots};
+/// A command that copies no bytes.
+template <auto operation> int run(pCopy x, std::uint32_t index, std::uint64_t * /*bytes*/) {
+  return operation(x, index);
+}
 
-const Keyword &read_keyword(const char *word) {
-  const Keyword *keyword = find_word(keywords, word, s_stricmp);
-  if (keyword == nullptr) cerror("Unknown copy type '%s'", word);
-  return keyword != nullptr ? *keyword : unknown_keyword;
+int run_unknown(pCopy /*x*/, std::uint32_t /*index*/, std::uint64_t * /*bytes*/) {
+  cerror("How did we get here!");
+  return 0;
+}
+
+constexpr CopyCommand commands[] = {
+    {"CopyFile", CType::CpyFile, copy_slots,     copy_files         },
+    {"CopyDir",  CType::CpyDir,  copy_slots,     copy_files         },
+    {"MkDir",    CType::MkDir,   path_slots,     run<copy_mkdir>    },
+    {"Ini",      CType::CpyIni,  pair_slots,     run<copy_write_ini>},
+    {"Rename",   CType::Rename,  pair_slots,     run<copy_rename>   },
+    {"RmFile",   CType::RmFile,  removal_slots,  run<copy_remove>   },
+    {"RmDir",    CType::RmDir,   removal_slots,  run<copy_remove>   },
+    {"Exist",    CType::Exist,   result_slots,   run<copy_exist>    },
+    {"Chown",    CType::Chown,   chown_slots,    run<copy_chown>    },
+    {"Chmod",    CType::Chmod,   chmod_slots,    run<copy_chmod>    },
+    {"Error",    CType::Error,   decision_slots, run<copy_seterror> },
+    {"WFile",    CType::WFile,   write_slots,    run<copy_wfile>    },
+    {"RFile",    CType::RFile,   result_slots,   run<copy_rfile>    },
+};
+constexpr CopyCommand unknown_command = {nullptr, static_cast<CType>(0), copy_slots, run_unknown};
+
+const CopyCommand &read_keyword(const char *word) {
+  const CopyCommand *command = find_word(commands, word, s_stricmp);
+  if (command == nullptr) cerror("Unknown copy type '%s'", word);
+  return command != nullptr ? *command : unknown_command;
 }
 
 /// Takes the next word of the line as a field; with `missing`, its absence is an error.
@@ -65,9 +75,9 @@ bool read_field(Text &field, const char *name, const char *missing, char **line)
 }
 
 /// False when required fields are missing; each is reported.
-bool read_slots(CCmd &command, std::span<const Slot> slots, char **line) {
+bool read_slots(CCmd &command, std::span<const CopySlot> slots, char **line) {
   bool complete = true;
-  for (const Slot &slot : slots)
+  for (const CopySlot &slot : slots)
     complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
   return complete;
 }
@@ -81,7 +91,7 @@ void load_command(pCopy x, char *line, const Lines &lines) {
   dmsg("Process .cpy file line [%s]", line);
   const char *word = next_word(&line);
   if (word == nullptr) return;
-  const Keyword &keyword = read_keyword(word);
+  const CopyCommand &keyword = read_keyword(word);
   CCmd command;
   command.type = keyword.type;
   dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
@@ -118,6 +128,16 @@ char *path_part(const char *operand, char *buffer, std::size_t bfsz) {
 }
 
 } // namespace
+
+std::span<const CopyCommand> copy_commands() { return commands; }
+
+const CopyCommand &copy_command(CType type) {
+  for (const CopyCommand &command : commands)
+    if (command.type == type) return command;
+  return unknown_command;
+}
+
+Operand source_operand(const CopyCommand &command) { return command.slots.front().operand; }
 
 pCopy copy_init(Ini ini) {
   auto *x = new copy;

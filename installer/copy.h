@@ -11,6 +11,7 @@
 #include "installer/lib.h"
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace installer {
@@ -50,6 +51,52 @@ struct copy_cmd {
   bool cut = false;
 };
 using CCmd = copy_cmd;
+
+/// What an operand of a command means. `Pattern`: a directory and a pattern for its entries;
+/// `Bounded`: the same of a command that changes or removes what it finds, and therefore refuses
+/// emptied settings and all of the root directory; `Directories`: a directory and a pattern for the
+/// directories in it; `Value`: a setting, or the text itself when it has no value; `Decision`: a
+/// setting that says yes or no; `Result`: a setting that is set.
+enum class Operand {
+  Pattern,
+  Bounded,
+  Path,
+  Directories,
+  Exclusions,
+  Owner,
+  Mode,
+  Value,
+  Decision,
+  Result,
+};
+
+/// A field that a command line must have. `name`: in the debug log; `missing`: the error when it is
+/// not there.
+struct CopySlot {
+  Text copy_cmd::*field;
+  const char *name;
+  const char *missing;
+  Operand operand;
+};
+
+struct copy;
+
+/// All about one keyword: its fields in the order of the line, and the function that runs it (see
+/// below). `Error` takes the rest of its line as `dest`; all others may end with a control and a
+/// comparison.
+struct CopyCommand {
+  const char *word;
+  CType type;
+  std::span<const CopySlot> slots;
+  int (*run)(copy *x, std::uint32_t index, std::uint64_t *bytes);
+};
+
+/// All keywords; they are compared without case.
+[[nodiscard]] std::span<const CopyCommand> copy_commands();
+/// The row of a type; for a type of no keyword one without word whose command fails.
+[[nodiscard]] const CopyCommand &copy_command(CType type);
+/// What the field `source` of such a command means.
+[[nodiscard]] Operand source_operand(const CopyCommand &command);
 
 /// A loaded section: the commands in file order, and the store (not owned).
 struct copy {

@@ -69,6 +69,7 @@ TEST_F(CopyRunTest, DoesItsCommands) {
       {"Rename file z",                                            "1 0 +z -file"                                                       },
       {"Rename no z",                                              "failed! Error renaming 'no'->'z', " + gone + ", " + gone            },
       {"Exist src s\nWFile f s\nExist no t\nMkDir d s\nMkDir e t", "4 0 +d/ +ftrue"                                                     },
+      {"Exist file s\nMkDir d no_such s\nExist no s\nWFile f s",   "4 0 +d/ +ffalse"                                                    },
       {"RFile file r\nWFile f r\nRFile nil r\nWFile file r",       "4 0 +f"                                                             },
       {"RFile file host\nWFile file host",                         "2 0 file=box"                                                       },
       {"RFile src x",                                              "failed! Failed to read (src), Is a directory"                       },
