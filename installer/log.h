@@ -45,6 +45,8 @@ void log_close(Log x);
 /// Closes and releases the log. The variable keeps its value, and a current log stays current: free
 /// it after the last message. Nothing for a null address or log.
 void log_free(Log *x);
+/// An owned log.
+using LogOwner = std::unique_ptr<log, Release<log_free>>;
 
 /// Makes `x` (may be null) the current log, without opening it.
 void log_set(Log x);

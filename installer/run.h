@@ -1,0 +1,29 @@
+#pragma once
+
+// What one run of the program knows, handed from function to function: no part of it is a variable
+// of the process, so that several runs may follow one another.
+
+#include "installer/ini.h"
+#include "installer/log.h"
+
+#include <cstdint>
+
+namespace installer {
+
+/// What became of the copy script, counted where it is known. `began`: its commands were started;
+/// `completed`: none of them stopped it.
+struct Outcome {
+  bool began = false;
+  bool completed = false;
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+};
+
+/// `log` and `ini` are lent by the caller, for the length of the run.
+struct Run {
+  Log log = nullptr;
+  Ini ini = nullptr;
+  Outcome outcome = {};
+};
+
+} // namespace installer
