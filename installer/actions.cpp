@@ -228,12 +228,24 @@ ActionResult run_pass(Pass pass) {
   return SUCEEDED;
 }
 
-bool wants_changes() {
-  if (automate != 0) return false;
+/// What the operator wants after the last question: `Next` to begin the work, `Stay` to answer
+/// again. Input that cannot be read quits, for it is no consent.
+Step review() {
+  if (automate != 0) return Step::Next;
   std::printf("Do you want to change your answers [n]? ");
   char reply[LineSize];
   read_reply(reply, sizeof reply);
-  return istrue(s_strtrm(reply)) != 0;
+  if (input_failed()) return Step::Quit;
+  return istrue(s_strtrm(reply)) != 0 ? Step::Stay : Step::Next;
+}
+
+ActionResult ask_until_content(Run &run, const Action &action, Questions quest) {
+  while (true) {
+    const ActionResult result = run_pass(Pass{run, quest, action});
+    if (result != SUCEEDED) return result;
+    const Step step = review();
+    if (step != Step::Stay) return step == Step::Next ? SUCEEDED : QUIT;
+  }
 }
 
 ActionResult ask_questions(Run &run, const Action &action) {
@@ -243,10 +255,7 @@ ActionResult ask_questions(Run &run, const Action &action) {
     emsg("Error loading questions");
     return FAILED;
   }
-  ActionResult result = SUCEEDED;
-  do result = run_pass(Pass{run, quest.get(), action});
-  while (result == SUCEEDED && wants_changes());
-  return result;
+  return ask_until_content(run, action, quest.get());
 }
 
 // ---- The copy script ----

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -194,7 +195,8 @@ Removing files[...................]
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty));
+INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty),
+                         testing::PrintToStringParamName());
 
 // ---- Small products ----
 
@@ -225,13 +227,13 @@ struct Small : testing::TestWithParam<Via> {
   /// A dialogue with the product, changed as said, that leaves `out` in its one file. It is an
   /// unattended run if it starts with "@auto".
   void expect(const std::string &dialogue, const std::string &out, const std::string &changed = {},
-              const char *text = nullptr, Arguments arguments = {}) {
+              const char *text = nullptr, Arguments arguments = {}, const Start &start = {}) {
     SCOPED_TRACE(dialogue);
     const TempDir dir;
     write_product(changed, text);
     if (dialogue.starts_with("@auto")) arguments = Automate;
     words["@int"] = dir.path("pkg.int");
-    talk(GetParam(), arguments, dialogue, words);
+    talk(GetParam(), arguments, dialogue, words, start);
     EXPECT_EQ(read_file("out"), out);
   }
 };
@@ -282,7 +284,19 @@ TEST_P(Small, Dialogues) {
   expect("@auto@done", "", "blurb.txt");
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty));
+static void make_input_impatient() { ::fcntl(0, F_SETFL, O_NONBLOCK | ::fcntl(0, F_GETFL)); }
+static void make_input_fail() { ::dup2(::open("/", O_RDONLY), 0); }
+
+TEST_P(Small, InputThatFails) {
+  expect("@1A []? {x}\n@review{}\n@done@bye@exit", "x", {}, {}, {},
+         {.prepare = make_input_impatient});
+  const Start failing = {.prepare = make_input_fail};
+  expect("@banner@choose@exit", "", {}, {}, {}, failing);
+  expect("@banner[w]\n@review@exit", "", {}, {}, {"-special", "w"}, failing); // no consent
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty),
+                         testing::PrintToStringParamName());
 
 // ---- Starting the program ----
 
