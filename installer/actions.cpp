@@ -295,8 +295,10 @@ ActionResult run_action(Run &run, ActionKind kind) {
   const Action &action = action_of(kind);
   run.outcome = {};
   std::printf("[%s]\n", banner_of(action));
-  const ActionResult result = ask_questions(run, action);
-  if (result == SUCEEDED) run_script(run, action);
+  ActionResult result = FAILED;
+  if (!within_memory([&] { result = ask_questions(run, action); })) return FAILED;
+  // A copy script that cannot be loaded is no failure of the action.
+  if (result == SUCEEDED) static_cast<void>(within_memory([&] { run_script(run, action); }));
   return result;
 }
 

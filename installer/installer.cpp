@@ -155,29 +155,33 @@ bool run_init_script(Ini ini) {
   return false;
 }
 
-bool open_log(Log log) {
+void open_log(Log log) {
   char path[PathSize];
   log_set(log);
-  if (!product_file(".log", path)) return false;
+  if (!product_file(".log", path)) return;
   log_open(log, path);
   log_doflush(log, 1);
   imsg("Log file opened in '%s'", path);
-  return true;
 }
 
-void run_product(unsigned argc, char **argv) {
-  const LogOwner log{log_init(LogDebug)};
-  const IniOwner ini{ini_init()};
-  Run run{.log = log.get(), .ini = ini.get()};
-  const bool has_place = open_log(run.log);
-  process_args(run.log, argv, argc);
+void run_product(Run &run) {
   char path[PathSize];
-  if (!has_place || !product_file(".dat", path)) {
+  if (!product_file(".dat", path)) {
     std::printf("Error: The path of the data files is too long\n");
     return;
   }
-  if (load_datfile(run.ini, path) == 0) return;
-  if (run_init_script(run.ini)) run_menu(run);
+  if (load_datfile(run.ini, path) != 0 && run_init_script(run.ini)) run_menu(run);
+}
+
+void run_program(unsigned argc, char **argv) {
+  const LogOwner log{log_init(LogDebug)};
+  const IniOwner ini{ini_init()};
+  Run run{.log = log.get(), .ini = ini.get()};
+  open_log(run.log);
+  static_cast<void>(within_memory([&] {
+    process_args(run.log, argv, argc);
+    run_product(run);
+  }));
   clear_datfile();
 }
 
@@ -205,7 +209,7 @@ int main(unsigned argc, char **argv) {
   char name[PathSize] = "";
   exename(name, argc > 0 ? argv[0] : nullptr, sizeof name);
   myname = name;
-  run_product(argc, argv);
+  run_program(argc, argv);
   const bool attended = automate == 0;
   forget_run();
   if (attended) {

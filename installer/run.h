@@ -7,6 +7,8 @@
 #include "installer/log.h"
 
 #include <cstdint>
+#include <cstdio>
+#include <new>
 
 namespace installer {
 
@@ -25,5 +27,17 @@ struct Run {
   Ini ini = nullptr;
   Outcome outcome = {};
 };
+
+/// Does `work`; when memory runs out in it, tells so on the console and in the log. False: it did.
+template <class Work> [[nodiscard]] bool within_memory(Work work) {
+  try {
+    work();
+    return true;
+  } catch (const std::bad_alloc &) {
+    std::printf("Error: Out of memory\n");
+    emsg("Out of memory");
+    return false;
+  }
+}
 
 } // namespace installer
