@@ -251,7 +251,8 @@ ActionResult ask_until_content(Run &run, const Action &action, Questions quest) 
 ActionResult ask_questions(Run &run, const Action &action) {
   const QuestOwner quest{quest_init(run.ini)};
   char path[PathSize];
-  if (!product_file(".q", path) || quest_load(quest.get(), path, section_of(action)) == 0) {
+  if (!product_file(".q", path) ||
+      quest_load(quest.get(), path, section_of(action), tell_fault) == 0) {
     emsg("Error loading questions");
     return FAILED;
   }
@@ -274,7 +275,9 @@ void run_script(Run &run, const Action &action) {
   Outcome &outcome = run.outcome;
   char path[PathSize];
   copy_setup(copy.get(), printdot, printerror);
-  if (!product_file(".cpy", path) || copy_load(copy.get(), path, section_of(action)) == 0) return;
+  if (!product_file(".cpy", path) ||
+      copy_load(copy.get(), path, section_of(action), tell_fault) == 0)
+    return;
   std::printf("%s", action.opener);
   outcome.began = true;
   outcome.completed =

@@ -170,7 +170,7 @@ void run_product(Run &run) {
     std::printf("Error: The path of the data files is too long\n");
     return;
   }
-  if (load_datfile(run.ini, path) != 0 && run_init_script(run.ini)) run_menu(run);
+  if (load_datfile(run.ini, path, tell_fault) != 0 && run_init_script(run.ini)) run_menu(run);
 }
 
 void run_program(unsigned argc, char **argv) {

@@ -28,6 +28,10 @@ struct Run {
   Outcome outcome = {};
 };
 
+/// The sink for the faults of a file without which there is no run or no action: the log, and for a
+/// zero byte, which no look at the file shows, the console.
+void tell_fault(const Fault &fault);
+
 /// Does `work`; when memory runs out in it, tells so on the console and in the log. False: it did.
 template <class Work> [[nodiscard]] bool within_memory(Work work) {
   try {

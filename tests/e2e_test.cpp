@@ -201,13 +201,13 @@ INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty),
 // ---- Small products ----
 
 /// The product "pkg", with another text for one of its files, or without that file.
-static void write_product(const std::string &changed = {}, const char *text = nullptr) {
+static void write_product(const std::string &changed = {}, const Text &text = {}) {
   write_file("pkg.dat", "product P\ne no\n");
   write_file("pkg.int", "");
   write_file("pkg.q", "[install]\nText a - - h A\n[w]\n");
   write_file("pkg.cpy", "[install]\nWFile out a\n[W]\nWFile out a\nRmFile out.* -\n");
   write_file("blurb.txt", "Bye\n");
-  if (text != nullptr) write_file(changed, text);
+  if (text) write_file(changed, *text);
   else fs::remove(changed);
 }
 
@@ -220,6 +220,7 @@ struct Small : testing::TestWithParam<Via> {
       {"@auto",    "@banner@menu[Install]\n"                             },
       {"@no",      "That is not a recognised option@again"               },
       {"@done",    "Copying files[]\nSuccess 0 bytes in 1 files copied\n"},
+      {"@zero",    "line 2 holds a zero byte"                            },
       {"@unread",  "Failed to read '@int', No such file or directory"    },
       {"@bye",     "\nBye\n"                                             },
   };
@@ -227,18 +228,20 @@ struct Small : testing::TestWithParam<Via> {
   /// A dialogue with the product, changed as said, that leaves `out` in its one file. It is an
   /// unattended run if it starts with "@auto".
   void expect(const std::string &dialogue, const std::string &out, const std::string &changed = {},
-              const char *text = nullptr, Arguments arguments = {}, const Start &start = {}) {
+              const Text &text = {}, Arguments arguments = {}, const Start &start = {}) {
     SCOPED_TRACE(dialogue);
     const TempDir dir;
     write_product(changed, text);
     if (dialogue.starts_with("@auto")) arguments = Automate;
-    words["@int"] = dir.path("pkg.int");
+    for (const char *file : {"dat", "int", "q", "cpy"})
+      words[std::string{"@"} + file] = dir.path(std::string{"pkg."} + file);
     talk(GetParam(), arguments, dialogue, words, start);
     EXPECT_EQ(read_file("out"), out);
   }
 };
 
 TEST_P(Small, Dialogues) {
+  const Text zero_byte = std::string{"[install]\nText\0\n", 16};
   const char *two = "[install]\nText a - - h A\nText b - - h B\n";
   // The menu.
   expect("@banner@choose{abc}\n@no@choose{0}\n@no@choose{6}\n@no@choose{ 4 }\n@exit", "");
@@ -277,6 +280,12 @@ TEST_P(Small, Dialogues) {
   expect("@banner@menuWhat would you like to do[2]? {}\n[Upgrade]\n@exit", "", "pkg.int",
          "Copy action upgrade - -");
   expect("@1@bye@exit", "", "pkg.q");
+  expect("Error: Error reading '@dat', @zero\n@exit", "", "pkg.dat", zero_byte);
+  expect("Error: Failed to load init file '@int', Failed to read '@int', @zero\n@exit", "",
+         "pkg.int", zero_byte);
+  expect("@1Error: Error reading '@q', @zero\n@bye@exit", "", "pkg.q", zero_byte);
+  expect("@1A []? {x}\n@review{}\nError: Error reading '@cpy', @zero\n@bye@exit", "", "pkg.cpy",
+         zero_byte);
   expect("@auto@bye", "", "pkg.cpy");
   expect("@autoCopying files[]\nFailed, Not P@bye", "", "pkg.cpy",
          "[install]\nError e Not $(product)\nWFile out x");
