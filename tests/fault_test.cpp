@@ -160,7 +160,7 @@ TEST(Fault, Limits) {
 }
 
 TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer needs the memory";
 #endif
   for (const std::string row : {"dat x", "int Copy x", "q Text x - - h", "cpy WFile x"}) {
