@@ -264,7 +264,8 @@ void ini_setup(Ini x, const SettingList *list, const void * /*assoc*/, int use_d
     x->list[at(i)].mode = list[i].mode;
     x->list[at(i)].line = list[i].line;
     const char *value = use_dflts != 0 ? text_of(list[i].dflt) : nullptr;
-    if (!add_item(x, list[i].setting->c_str(), value)) break;
+    // A store that lacks some of its settings must not be worked with.
+    if (!add_item(x, list[i].setting->c_str(), value)) throw std::bad_alloc{};
     dmsg("Ini setting '%s' setup", text_of(list[i].setting));
     ++x->items;
   }
