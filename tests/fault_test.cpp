@@ -98,16 +98,14 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   }
 }
 
-enum Action { Install, Upgrade, Remove };
-struct Product {
-  std::string name;
-  void (*write)();
-};
+// ---- Whole products ----
 
-static Outcome act(const Product &product, Action action) {
+enum Action { Install, Upgrade, Remove };
+
+static Outcome act(const std::string &product, Action action) {
   std::vector<std::string> arguments = {"-automate"};
   if (action == Remove) arguments.insert(arguments.end(), {"-special", "remove"});
-  return run(arguments, {}, Via::Pipe, {.name = "./" + product.name});
+  return run(arguments, {}, Via::Pipe, {.name = "./" + product});
 }
 
 /// What an action left, with the modes; of a removal only the files.
@@ -121,12 +119,12 @@ static Tree result(Action action) {
 
 /// Runs the action and kills it before its system call number 53 * `place`. False: it ended
 /// earlier.
-static bool kill_at(const Product &product, Action action, int place) {
+static bool kill_at(const std::string &product, Action action, int place) {
   const ::pid_t pid = ::fork();
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    ::execl(INSTALLER_PROGRAM, product.name.c_str(), "-automate",
+    ::execl(INSTALLER_PROGRAM, product.c_str(), "-automate",
             action == Remove ? "-special" : nullptr, "remove", nullptr);
     ::_exit(1);
   }
@@ -139,8 +137,8 @@ static bool kill_at(const Product &product, Action action, int place) {
 }
 
 /// Runs the action with a failure before its command number `place`. False: it has fewer.
-static bool fail_at(const Product &product, Action action, int place) {
-  const std::string file = product.name + ".cpy", script = read_file(file);
+static bool fail_at(const std::string &product, Action action, int place) {
+  const std::string file = product + ".cpy", script = read_file(file);
   std::size_t at = script.find(action == Install ? "[install]\n" : "[upgrade]\n");
   const std::size_t end = script.find("\n[", at);
   for (; place > 0; place -= std::isupper(script[at]) ? 1 : 0) at = script.find('\n', at) + 1;
@@ -151,43 +149,37 @@ static bool fail_at(const Product &product, Action action, int place) {
   return true;
 }
 
-struct CutShort : testing::TestWithParam<Product> {
-  CutShort() { GetParam().write(); }
-
-  /// What is there before the action.
-  static void prepare(Action action) {
-    for (const char *tree : {"out", "half"}) fs::remove_all(tree);
-    if (action != Install) act(GetParam(), Install);
-  }
-
-  const TempDir scratch;
-};
+struct CutShort : testing::TestWithParam<const char *> {};
 
 TEST_P(CutShort, IsUndoneAndFinished) {
   ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  const TempDir scratch;
+  write_example(GetParam());
+  const auto prepare = [](Action action) {
+    for (const char *tree : {"out", "half"}) fs::remove_all(tree);
+    if (action != Install) act(GetParam(), Install);
+    return GetParam();
+  };
   for (const Action action : {Install, Upgrade, Remove})
     for (const auto cut : {kill_at, fail_at}) {
-      prepare(action);
-      act(GetParam(), action);
+      const std::string console = act(prepare(action), action).console;
+      EXPECT_NE(console.find("Success "), std::string::npos) << console;
       const Tree complete = result(action);
-      for (int place = 1; prepare(action), cut(GetParam(), action, place); ++place) {
-        SCOPED_TRACE(place);
+      for (int place = 1; cut(prepare(action), action, place); ++place) {
         if (result(action) == complete) continue;
         if (fs::exists("out")) fs::copy("out", "half", fs::copy_options::recursive);
         act(GetParam(), Remove);
-        EXPECT_EQ(result(Remove), Tree{});
+        EXPECT_EQ(result(Remove), Tree{}) << "cut at " << place;
         fs::remove_all("out");
         if (fs::exists("half")) fs::rename("half", "out");
         act(GetParam(), action);
-        ASSERT_EQ(result(action), complete);
+        ASSERT_EQ(result(action), complete) << "cut at " << place;
       }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, CutShort,
-                         testing::Values(Product{"noticeboard", write_demo},
-                                         Product{"notes", write_notes}),
-                         [](const auto &product) { return product.param.name; });
+INSTANTIATE_TEST_SUITE_P(, CutShort, testing::Values("noticeboard", "notes"),
+                         [](const auto &product) { return std::string{product.param}; });
 
 TEST(Fault, FileThatFailsWhenItIsClosed) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";

@@ -5,25 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <regex>
 
 namespace installer {
 
-TEST(Manual, KeywordsHaveExamples) {
-  const std::regex keyword{R"(\n\.It Ic (\S+))"};
-  for (const std::string name : {"int", "q", "cpy"}) {
-    const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/installer-" + name + ".5");
-    const std::string example = "\n" + read_page("installer-" + name + ".5")["notes." + name];
-    std::sregex_iterator it{page.begin(), page.end(), keyword}, end;
-    EXPECT_NE(it, end) << name;
-    for (; it != end; ++it)
-      EXPECT_NE(example.find("\n" + it->str(1) + " "), example.npos) << name << ": " << it->str(1);
-  }
-}
-
 TEST(Manual, ExampleProductRuns) {
   const TempDir folder;
-  write_notes();
+  write_example("notes");
   const auto expect = [](const std::vector<std::string> &arguments, const char *text) {
     const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;

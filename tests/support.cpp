@@ -121,35 +121,27 @@ Tree read_tree(const std::string &path) {
   return tree;
 }
 
-Tree read_page(const std::string &name) {
-  const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
-  const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/" + name);
-  Tree files;
+/// Writes the files that a manual page shows: each in a display behind a comment with its name.
+static void write_shown(const std::string &page) {
+  static const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
   for (std::sregex_iterator it{page.begin(), page.end(), display}, end; it != end; ++it)
-    files[it->str(1)] = std::regex_replace(it->str(2), backslash, "\\");
-  return files;
+    write_file(it->str(1), std::regex_replace(it->str(2), backslash, "\\"));
 }
 
-/// Puts settings in front of the others: the first of a name wins.
-static void preset(const std::string &file, const std::string &settings) {
-  write_file(file, "dir $(current_dir)/out\n" + settings + read_file(file));
-}
-
-void write_demo() {
-  fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
-  preset("noticeboard.dat", "");
-}
-
-void write_notes() {
-  for (const char *name : {"dat", "int", "q", "cpy"})
-    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
-      write_file(file, text);
-  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
-    write_file(std::string{"files/"} + file, file);
-  write_file("www/other", "");
-  const struct ::passwd *user = ::getpwuid(::getuid());
-  const std::string owner = user != nullptr ? user->pw_name : "root";
-  preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
+void write_example(const std::string &name) {
+  std::string settings = "dir $(current_dir)/out\n"; // the first of a name wins
+  if (name == "noticeboard")
+    fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
+  else {
+    for (const std::string page : {"dat", "int", "q", "cpy"})
+      write_shown(read_file(INSTALLER_SOURCE_DIR "/man/installer-" + page + ".5"));
+    for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
+      write_file(std::string{"files/"} + file, file);
+    write_file("www/other", "");
+    settings += "pages_dir $(current_dir)/www\npages true\n";
+    settings += std::string{"owner "} + ::getpwuid(::getuid())->pw_name + "\n";
+  }
+  write_file(name + ".dat", settings + read_file(name + ".dat"));
 }
 
 Store make_store(const std::vector<std::string> &settings) {

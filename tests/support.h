@@ -45,13 +45,9 @@ std::string take_errors();
 using Tree = std::map<std::string, std::string>;
 [[nodiscard]] Tree read_tree(const std::string &path);
 
-/// The files that a manual page shows: each in a display behind a comment with its name.
-[[nodiscard]] Tree read_page(const std::string &name);
-
-/// Writes a product into the working directory, to be installed in "out" there: the demo
-/// ("noticeboard"), and that of the manual pages ("notes").
-void write_demo();
-void write_notes();
+/// Writes a product into the working directory, to be installed in "out" there: "noticeboard", the
+/// demo, or "notes", that of the manual pages.
+void write_example(const std::string &name);
 
 /// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
 using Store = std::unique_ptr<ini, Release<ini_free>>;
