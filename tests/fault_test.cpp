@@ -117,7 +117,7 @@ static Tree result(Action action) {
   return tree;
 }
 
-/// Runs the action and kills it before its system call number 53 * `place`. False: it ended
+/// Runs the action and kills it before its system call number 37 * `place`. False: it ended
 /// earlier.
 static bool kill_at(const std::string &product, Action action, int place) {
   const ::pid_t pid = ::fork();
@@ -130,7 +130,7 @@ static bool kill_at(const std::string &product, Action action, int place) {
   }
   int status = 0;
   for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
-    if (stops == 2 * 53 * place) ::kill(pid, SIGKILL);
+    if (stops == 2 * 37 * place) ::kill(pid, SIGKILL);
     ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
   }
   return WIFSIGNALED(status);
