@@ -235,8 +235,10 @@ enum class Allow { Plain, Target };
 
 /// True when `info` describes a file that `allow` admits; else errno says why not.
 [[nodiscard]] bool admitted(const struct ::stat &info, Allow allow);
-/// POSIX openat that never blocks, closes on exec and refuses what `allow` does not admit. A
-/// descriptor, or an empty one with errno set. `perms` is for a file that is created.
+/// POSIX openat that never blocks but for a regular file under a lease of another process, and that
+/// closes on exec. A descriptor, or an empty one with errno set.
+[[nodiscard]] Descriptor open_at_once(int dir, const char *name, int flags, ::mode_t perms = 0666);
+/// open_at_once that refuses what `allow` does not admit. `perms` is for a file that is created.
 [[nodiscard]] Descriptor open_file(int dir, const char *name, int flags, Allow allow,
                                    ::mode_t perms = 0666);
 /// open_file for a file whose status the caller has; null when it does not exist.

@@ -45,10 +45,23 @@ bool admitted(const struct ::stat &info, Allow allow) {
   return false;
 }
 
+Descriptor open_at_once(int dir, const char *name, int flags, ::mode_t perms) {
+  flags |= O_CLOEXEC | O_NOCTTY;
+  Descriptor fd{::openat(dir, name, flags | O_NONBLOCK, perms)};
+  if (fd || errno != EWOULDBLOCK) return fd;
+  // Another process has a lease on the file; the system waits until that is given back.
+  struct ::stat info = {};
+  const int follow = (flags & O_NOFOLLOW) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  const bool regular = ::fstatat(dir, name, &info, follow) == 0 && S_ISREG(info.st_mode);
+  if (regular) fd = Descriptor{::openat(dir, name, flags, perms)};
+  else errno = EWOULDBLOCK;
+  return fd;
+}
+
 Descriptor open_known(int dir, const char *name, const struct ::stat *info, int flags, Allow allow,
                       ::mode_t perms) {
   if (info != nullptr && !admitted(*info, allow)) return Descriptor{};
-  return Descriptor{::openat(dir, name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, perms)};
+  return open_at_once(dir, name, flags, perms);
 }
 
 Descriptor open_file(int dir, const char *name, int flags, Allow allow, ::mode_t perms) {
