@@ -60,54 +60,77 @@ constexpr CopyCommand commands[] = {
 };
 constexpr CopyCommand unknown_command = {nullptr, static_cast<CType>(0), copy_slots, run_unknown};
 
-const CopyCommand &read_keyword(const char *word) {
+/// The line that is being read. `rest`: what has not been taken of it yet.
+struct CommandLine {
+  char *rest;
+  const Lines &lines;
+  const Faults &faults;
+
+  void fault(FaultKind kind, const std::string &text, const char *word = nullptr) const {
+    const bool remark = kind == FaultKind::Surplus;
+    faults(lines.fault(remark ? Severity::Remark : Severity::Error, kind, text, word));
+  }
+};
+
+const CopyCommand &read_keyword(const CommandLine &line, const char *word) {
   const CopyCommand *command = find_word(commands, word, s_stricmp);
-  if (command == nullptr) cerror("Unknown copy type '%s'", word);
-  return command != nullptr ? *command : unknown_command;
+  if (command != nullptr) return *command;
+  line.fault(FaultKind::UnknownKeyword, "Unknown copy type '" + std::string{word} + "'", word);
+  return unknown_command;
 }
 
 /// Takes the next word of the line as a field; with `missing`, its absence is an error.
-bool read_field(Text &field, const char *name, const char *missing, char **line) {
-  field = make_text(next_word(line));
-  if (!field && missing != nullptr) cerror("%s", missing);
+bool read_field(Text &field, const char *name, const char *missing, CommandLine &line) {
+  field = make_text(next_word(&line.rest));
+  if (!field && missing != nullptr) line.fault(FaultKind::MissingWord, missing);
   if (field || missing != nullptr) dmsg("Copy line '%s' is [%s]", name, text_of(field));
   return field.has_value();
 }
 
 /// False when required fields are missing; each is reported.
-bool read_slots(CCmd &command, std::span<const CopySlot> slots, char **line) {
+bool read_slots(CCmd &command, std::span<const CopySlot> slots, CommandLine &line) {
   bool complete = true;
   for (const CopySlot &slot : slots)
     complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
   return complete;
 }
 
-void read_control(CCmd &command, char **line) {
+void read_control(CCmd &command, CommandLine &line) {
   if (read_field(command.control, "control", nullptr, line))
     read_field(command.control_cmp, "control_cmp", nullptr, line);
 }
 
-void load_command(pCopy x, char *line, const Lines &lines) {
-  dmsg("Process .cpy file line [%s]", line);
-  const char *word = next_word(&line);
-  if (word == nullptr) return;
-  const CopyCommand &keyword = read_keyword(word);
-  CCmd command;
-  command.type = keyword.type;
-  dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
-  const bool complete = read_slots(command, keyword.slots, &line);
-  if (complete && command.type != CType::Error) read_control(command, &line);
-  // Words behind the last field, and a message, may be cut.
-  const bool cut = lines.cut() && *line == '\0';
-  if (!complete && !cut) return;
-  command.cut = cut || lines.continued();
-  if (command.type == CType::Error) {
-    if (*line != '\0') command.dest = line;
-    dmsg("Copy list error string is '%s'", text_of(command.dest));
-  }
+void read_message(CCmd &command, const CommandLine &line) {
+  if (*line.rest != '\0') command.dest = line.rest;
+  dmsg("Copy list error string is '%s'", text_of(command.dest));
+}
+
+void add_command(pCopy x, CCmd command) {
   x->list.push_back(std::move(command));
   if (x->ini != nullptr) copy_processpaths(x, static_cast<std::int32_t>(x->count));
   ++x->count;
+}
+
+void load_command(pCopy x, CommandLine line) {
+  dmsg("Process .cpy file line [%s]", line.rest);
+  const char *word = next_word(&line.rest);
+  if (word == nullptr) return;
+  const CopyCommand &keyword = read_keyword(line, word);
+  CCmd command;
+  command.type = keyword.type;
+  command.line = line.lines.number();
+  dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
+  const bool complete = read_slots(command, keyword.slots, line);
+  const bool message = command.type == CType::Error;
+  if (complete && !message) read_control(command, line);
+  // Words behind the last field, and a message, may be cut.
+  const bool cut = line.lines.cut() && *line.rest == '\0';
+  if (!complete && !cut) return;
+  command.cut = cut || line.lines.continued();
+  if (message) read_message(command, line);
+  else if (const char *surplus = next_word(&line.rest))
+    line.fault(FaultKind::Surplus, "Words that are never read", surplus);
+  add_command(x, std::move(command));
 }
 
 const char *field(pCopy x, std::uint32_t index, Text copy_cmd::*member) {
@@ -149,24 +172,19 @@ void copy_free(pCopy *x) { drop(x); }
 
 void copy_setup(pCopy /*x*/, FileCallback xok, FileCallback xfail) { file_setup_fn(xok, xfail); }
 
-int copy_load(pCopy x, const char *file, const char *section) {
+int copy_load(pCopy x, const char *file, const char *section, const Faults &faults) {
   if (x == nullptr || file == nullptr || section == nullptr) return 0;
   x->list.clear();
   x->count = 0;
-  Lines lines{file};
-  if (!lines) {
-    cerror("Error opening '%s'", file);
-    return 0;
-  }
-  errno = 0;
-  const bool found = lines.enter(section);
-  if (found)
-    for (char *line : lines) load_command(x, line, lines);
-  if (lines.failed()) {
-    cerror("Error reading '%s'", file);
-    return 0;
-  }
-  return found ? 1 : 0;
+  Lines lines{file, faults, CopyLines};
+  const bool found = lines && lines.enter(section);
+  if (found) copy_read(x, lines, faults);
+  if (lines.failed()) faults(lines.unreadable(lines ? "Error reading" : "Error opening"));
+  return found && !lines.failed() ? 1 : 0;
+}
+
+void copy_read(pCopy x, Lines &lines, const Faults &faults) {
+  for (char *line : lines) load_command(x, {line, lines, faults});
 }
 
 std::uint32_t copy_count(pCopy x) { return x ? x->count : 0; }

@@ -9,6 +9,8 @@
 #include "installer/file.h"
 #include "installer/ini.h"
 #include "installer/lib.h"
+#include "installer/lines.h"
+#include "installer/log.h"
 
 #include <cstdint>
 #include <span>
@@ -39,7 +41,8 @@ enum class CType : std::uint32_t {
 /// One command. `source`, `dest`: the operands, what they mean depends on the type; `not_`: names
 /// that are left out (patterns; null for none); `control`, `control_cmp`: when it runs (see
 /// `copy_do`); `empty_setting`: a setting whose reference in `source` was replaced by nothing;
-/// `cut`: one of these may not be whole, for the line was too long.
+/// `cut`: one of these may not be whole, for the line was too long; `line`: where it stands in the
+/// file, from 1.
 struct copy_cmd {
   Text source;
   Text dest;
@@ -49,6 +52,7 @@ struct copy_cmd {
   CType type = static_cast<CType>(0);
   Text empty_setting;
   bool cut = false;
+  std::size_t line = 0;
 };
 using CCmd = copy_cmd;
 
@@ -115,11 +119,16 @@ using pCopy = copy *;
 void copy_free(pCopy *x);
 /// Installs the progress callbacks of the file operations, for the whole process.
 void copy_setup(pCopy x, FileCallback xok, FileCallback xfail);
-/// Reads the section (named without case) into the empty script `x`. A line that lacks a field is
-/// logged and dropped; an unknown keyword is logged and kept as type 0; a command of which
-/// a word may be cut is kept and fails. 1; 0 for a null argument, a
-/// missing section, or (logged) a file that cannot be read.
-[[nodiscard]] int copy_load(pCopy x, const char *file, const char *section);
+/// Reads the section (named without case) into the empty script `x`. `faults` takes what is wrong
+/// with it: a line that lacks a field is dropped; an unknown keyword is kept as type 0; a command
+/// of which a word may be cut is kept and fails. 1; 0 for a null argument, a missing section (no
+/// fault), or a file that cannot be read.
+[[nodiscard]] int copy_load(pCopy x, const char *file, const char *section,
+                            const Faults &faults = log_fault);
+/// What continues a comment of a script is a comment.
+inline constexpr LineRules CopyLines = {.joined_comments = true};
+/// Appends the commands of the section that `lines` has entered.
+void copy_read(pCopy x, Lines &lines, const Faults &faults);
 
 // ---- Look-up: null or 0 for a null script or an index out of range ----
 

@@ -160,13 +160,19 @@ Rewrite rewrite_once(Ini x, std::string &value) {
   return Rewrite::Done;
 }
 
-void resolve(Ini x, std::int32_t index, std::string &value) {
+void resolve(Ini x, std::int32_t index, std::string &value, const Faults &faults) {
   Rewrite outcome = Rewrite::Changed;
   for (int count = 0; outcome == Rewrite::Changed; ++count)
     outcome = count < MostRewrites ? rewrite_once(x, value) : Rewrite::Stuck;
-  if (outcome == Rewrite::Stuck)
-    emsg("Setting '%s' is not resolved any further, its value stays '%s'",
-         text_of(x->list[at(index)].setting), value.c_str());
+  if (outcome != Rewrite::Stuck) return;
+  const SettingList &entry = x->list[at(index)];
+  faults({Severity::Error,
+          FaultKind::Circle,
+          {},
+          entry.line,
+          "Setting '" + *entry.setting + "' is not resolved any further, its value stays '" +
+              value + "'",
+          *entry.setting});
 }
 
 } // namespace
@@ -196,6 +202,7 @@ void ini_setup(Ini x, const SettingList *list, const void * /*assoc*/, int use_d
   for (std::int32_t i = 0; i < count; ++i) {
     x->list[at(i)].setting = list[i].setting;
     x->list[at(i)].mode = list[i].mode;
+    x->list[at(i)].line = list[i].line;
     const char *value = use_dflts != 0 ? text_of(list[i].dflt) : nullptr;
     if (!add_item(x, list[i].setting->c_str(), value)) break;
     dmsg("Ini setting '%s' setup", text_of(list[i].setting));
@@ -255,12 +262,12 @@ int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz) 
   return fits ? 1 : 0;
 }
 
-int ini_process(Ini x) {
+int ini_process(Ini x, const Faults &faults) {
   if (x == nullptr || x->list.empty()) return 0;
   dmsg("Processing replacable settings...");
   for (std::int32_t i = 0; i < x->items; ++i) {
     for (auto *value = x->data->slot(i)->values->root->next; value != nullptr; value = value->next)
-      resolve(x, i, *value->data);
+      resolve(x, i, *value->data, faults);
   }
   dmsg("Finished processing replacable settings");
   return 1;

@@ -12,6 +12,7 @@
 #include "installer/array.h"
 #include "installer/lib.h"
 #include "installer/linklist.h"
+#include "installer/log.h"
 
 #include <cstdint>
 #include <string>
@@ -63,11 +64,13 @@ constexpr SettingMode operator|(SettingMode a, SettingMode b) {
 }
 
 /// One entry of a settings table. A null `setting` ends the table; `dflt` is the default that
-/// `ini_setup` reads, always null in the store's own table.
+/// `ini_setup` reads, always null in the store's own table; `line`: where it stands in the data
+/// file, from 1, or 0.
 struct setting_list {
   Text setting;
   Text dflt;
   SettingMode mode = Ini_None;
+  std::size_t line = 0;
 };
 using SettingList = setting_list;
 
@@ -143,8 +146,8 @@ void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz);
 /// Rewrites the stored values: each reference to a setting (compared without case) is replaced by
 /// its value if it has `Ini_Replace`, else by nothing, and the value is examined again from its
 /// start. Unknown and unclosed references stay. Values are cut at 999 characters. A value that
-/// leads back to itself is left, with an error line, once it no longer changes or after 1000
-/// rewrites. 1; 0 when `x` or its table is null.
-int ini_process(Ini x);
+/// leads back to itself is left, with a fault, once it no longer changes or after 1000 rewrites. 1;
+/// 0 when `x` or its table is null.
+int ini_process(Ini x, const Faults &faults = log_fault);
 
 } // namespace installer

@@ -1,7 +1,7 @@
 #pragma once
 
 // The shared library: null-tolerant text routines, path routines, wildcards, the bounded
-// formatter, opening of plain files, the reader of line files and the small lifetime helpers that
+// formatter, opening of plain files and the small lifetime helpers that
 // every other module uses. Its only state is whether standard input has ended.
 //
 // Buffers: a `char *buffer` comes with its full size `bfsz`, terminator included. The result stays
@@ -267,64 +267,6 @@ enum class Allow { Plain, Target };
 char *read_reply(char *buffer, std::size_t bfsz);
 /// True when the last `read_reply` found the end of standard input, or could not read it.
 [[nodiscard]] bool input_ended();
-
-/// The lines of a text file, read 999 characters at a time (a longer line arrives in pieces),
-/// trimmed, without blank lines and "#" comments. The five data formats are all read through it:
-///
-///     Lines lines{file};
-///     if (!lines) ...                      // errno says why
-///     if (!lines.enter(section)) ...       // only for files with sections
-///     for (char *line : lines) ...         // the line may be changed; it lasts until the next
-///     if (lines.failed()) ...              // the file could not be read to its end
-class Lines {
-public:
-  explicit Lines(const char *file) : stream_(s_fopen(file, "r")) {}
-  [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
-
-  /// Skips to the first header "[section]" (compared without case; the closing bracket counts as
-  /// part of the header only at the end of the line). From then on the next header ends the lines.
-  [[nodiscard]] bool enter(const char *section);
-  /// True when reading ended with an error, which is then put into errno: EILSEQ for a zero byte,
-  /// which no text holds.
-  [[nodiscard]] bool failed() const;
-  /// True when the current line is not the end of the line that it was read from: its last word may
-  /// be cut, and words may be missing.
-  [[nodiscard]] bool cut() const { return cut_; }
-  /// True when the current line is not the beginning of the line that it was read from. It is never
-  /// taken for a header.
-  [[nodiscard]] bool continued() const { return continued_; }
-
-  struct End {};
-  class Iterator {
-  public:
-    explicit Iterator(Lines &lines) : lines_(&lines), line_(lines.next()) {}
-    char *operator*() const { return line_; }
-    Iterator &operator++() {
-      line_ = lines_->next();
-      return *this;
-    }
-    bool operator==(End) const { return line_ == nullptr; }
-
-  private:
-    Lines *lines_;
-    char *line_;
-  };
-  Iterator begin() { return Iterator{*this}; }
-  static End end() { return {}; }
-
-private:
-  char *read();
-  char *next();
-  std::size_t read_buffer();
-  [[nodiscard]] bool is_header(const char *line) const { return *line == '[' && !continued_; }
-
-  Stream stream_;
-  bool in_section_ = false;
-  bool cut_ = false;
-  bool continued_ = false;
-  int failed_ = 0;
-  char buffer_[LineSize] = {};
-};
 
 // ---- Wildcards ---------------------------------------------------------------------------------
 

@@ -145,49 +145,4 @@ int same_file(const char *a, const char *b) {
   return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && same_inode(info_a, info_b) ? 1 : 0;
 }
 
-bool Lines::enter(const char *section) {
-  while (char *line = read()) {
-    if (!is_header(line)) continue;
-    const std::size_t length = std::strlen(line);
-    if (line[length - 1] == ']') line[length - 1] = '\0';
-    in_section_ = s_stricmp(line + 1, section) == 0;
-    if (in_section_) return true;
-  }
-  return false;
-}
-
-bool Lines::failed() const {
-  if (failed_ != 0) errno = failed_;
-  return failed_ != 0;
-}
-
-/// Reads up to the end of the line or of the buffer; 0 at the end or after an error.
-std::size_t Lines::read_buffer() {
-  const std::size_t size = stream_ ? read_piece(stream_.get(), buffer_, sizeof buffer_) : 0;
-  continued_ = cut_;
-  cut_ = false;
-  if (size + 1 == sizeof buffer_ && buffer_[size - 1] != '\n') {
-    const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
-    cut_ = following != EOF && following != '\n' && following != '\r';
-  }
-  if (std::strlen(buffer_) < size) failed_ = EILSEQ;
-  else if (stream_ && std::ferror(stream_.get()) != 0) failed_ = errno;
-  return failed_ == 0 ? size : 0;
-}
-
-char *Lines::read() {
-  while (read_buffer() > 0) {
-    char *line = s_strtrm(buffer_);
-    if (*line != '\0' && *line != '#') return line;
-  }
-  return nullptr;
-}
-
-char *Lines::next() {
-  char *line = read();
-  if (line == nullptr || !in_section_ || !is_header(line)) return line;
-  stream_.reset();
-  return nullptr;
-}
-
 } // namespace installer

@@ -190,6 +190,10 @@ void emsg_cause(const Cause &cause, const char *format, ...) {
   log_error(message);
 }
 
+void log_fault(const Fault &fault) {
+  if (fault.severity == Severity::Error) emsg("%s", fault.text.c_str());
+}
+
 void imsg(const char *format, ...) {
   if (format == nullptr || !takes(LogInfo)) return;
   const KeepErrno keep;

@@ -7,6 +7,7 @@
 // A line reads "Sun Nov 22 10:00:00  [123] Error: text". Errors that come while no log can take
 // them wait in memory until a log becomes current by being opened.
 
+#include "installer/fault.h"
 #include "installer/lib.h"
 
 #include <cstdint>
@@ -70,5 +71,7 @@ void check_emsglog();
 /// emsg with ", " and the text of the cause behind the message, when there is a cause; the whole is
 /// cut at 999 characters. Every failure of a system call is logged through it.
 [[gnu::format(printf, 2, 3)]] void emsg_cause(const Cause &cause, const char *format, ...);
+/// Logs an error in a product's file, and no remark: the program's own sink for faults.
+void log_fault(const Fault &fault);
 
 } // namespace installer

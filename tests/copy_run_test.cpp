@@ -116,7 +116,8 @@ TEST_F(CopyRunTest, TakesNothingByHalves) {
             "failed! Unknown copy type 'no'! Missing copy source path" + lacks + cut + "src/s'");
   EXPECT_TRUE(changes("CopyFile " + std::string(990, 'p') + " - out1")
                   .starts_with("failed" + lacks + "! Unknown copy type '-'" + lacks + cut));
-  EXPECT_EQ(changes("#" + std::string(998, ' ') + "MkDir d\nMkDir e"), "failed" + cut + "d'");
+  EXPECT_EQ(changes("#" + std::string(998, ' ') + "MkDir d\nMkDir e"), "1 0 +e/");
+  EXPECT_EQ(changes("MkDir d" + std::string(998, ' ') + "\nMkDir e"), "2 0 +d/ +e/");
   EXPECT_TRUE(changes("MkDir d no NO " + command).ends_with(" +d/")); // more words do not count
   const std::string zero(1, '\0');
   for (const char *before : {"", "line\n"}) {
