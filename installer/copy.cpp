@@ -230,20 +230,23 @@ char *copy_dst_file(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz
 Text replace_vars(pCopy x, const char *string, Text *emptied) {
   if (x == nullptr || string == nullptr || std::strstr(string, "$(") == nullptr) return {};
   std::string result;
+  // Nothing is built that would be cut, but each setting is looked up.
+  const auto add = [&result](const char *text, std::size_t most) {
+    result.append(text, ::strnlen(text, std::min(most, LongestText - result.size())));
+  };
   const char *scan = string;
   while (const char *opener = std::strstr(scan, "$(")) {
     const char *close = std::strchr(opener, ')');
     if (close == nullptr) break;
-    result.append(scan, opener);
+    add(scan, static_cast<std::size_t>(opener - scan));
     const std::string name(opener + 2, close);
     scan = close + 1;
     const char *value = ini_value_name(x->ini, name.c_str());
-    if (value == nullptr) result.append(opener, scan);
-    else result.append(value, ::strnlen(value, LongestPiece));
+    if (value == nullptr) add(opener, static_cast<std::size_t>(scan - opener));
+    else add(value, LongestPiece);
     if (value != nullptr && *value == '\0' && emptied != nullptr) *emptied = name;
   }
-  result.append(scan, ::strnlen(scan, LongestPiece));
-  if (result.size() > LongestText) result.resize(LongestText);
+  add(scan, LongestPiece);
   return result;
 }
 

@@ -95,7 +95,9 @@ Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{
 
 void add_item(Init x, init_item item) {
   auto owned = std::make_unique<init_item>(std::move(item));
-  if (array_add(x->list, owned.get()) != 0) static_cast<void>(owned.release());
+  // A script that lacks some of its items must not run.
+  if (array_add(x->list, owned.get()) == 0) throw std::bad_alloc{};
+  static_cast<void>(owned.release());
 }
 
 void load_item(Init x, char *line, const Lines &lines, const Faults &faults) {

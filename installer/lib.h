@@ -260,7 +260,8 @@ enum class Allow { Plain, Target };
 [[nodiscard]] Cause read_text(std::FILE *in, std::string &text);
 
 /// C's fgets, but the number of characters read, line end included; 0 at the end or after an error
-/// (C's ferror). More than strlen(`buffer`) when the text holds a zero byte. `bfsz` is at least 2.
+/// (C's ferror). Waits for input also where the descriptor does not. More than strlen(`buffer`)
+/// when the text holds a zero byte. `bfsz` is at least 2.
 [[nodiscard]] std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz);
 
 /// Shows what is pending on standard output and reads one line of standard input, at most `bfsz` -
@@ -268,6 +269,8 @@ enum class Allow { Plain, Target };
 char *read_reply(char *buffer, std::size_t bfsz);
 /// True when the last `read_reply` found the end of standard input, or could not read it.
 [[nodiscard]] bool input_ended();
+/// True when it could not read it, which is never consent.
+[[nodiscard]] bool input_failed();
 
 // ---- Wildcards ---------------------------------------------------------------------------------
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace installer {
@@ -15,7 +16,26 @@ bool is_null_device(const struct ::stat &info) {
          info.st_rdev == null_device.st_rdev;
 }
 
-bool no_more_replies = false;
+/// What the last look for a reply found.
+enum class Input { Reply, End, Failure };
+Input last_input = Input::Reply;
+
+/// After a read that failed: waits until there is something to read where the stream itself does
+/// not wait, as another program may have left a terminal. False: it failed for good.
+bool wait_for_input(std::FILE *in) {
+  if (std::ferror(in) == 0 || (errno != EAGAIN && errno != EINTR)) return false;
+  struct ::pollfd wanted = {::fileno(in), POLLIN, 0};
+  if (errno == EAGAIN && ::poll(&wanted, 1, -1) < 0 && errno != EINTR) return false;
+  std::clearerr(in);
+  return true;
+}
+
+int next_character(std::FILE *in) {
+  int c = EOF;
+  do c = ::getc_unlocked(in);
+  while (c == EOF && wait_for_input(in));
+  return c;
+}
 
 struct Mode {
   char letter;
@@ -110,7 +130,7 @@ Cause read_text(std::FILE *in, std::string &text) {
 std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz) {
   std::size_t size = 0;
   for (int c = 0; size + 1 < bfsz && c != '\n'; ++size) {
-    c = ::getc_unlocked(in);
+    c = next_character(in);
     if (c == EOF) break;
     buffer[size] = static_cast<char>(c);
   }
@@ -123,12 +143,16 @@ char *read_reply(char *buffer, std::size_t bfsz) {
     const KeepErrno keep; // a console that is gone is no reason of what is said about the reply
     std::fflush(stdout);
   }
-  no_more_replies = std::fgets(buffer, static_cast<int>(bfsz), stdin) == nullptr;
-  if (no_more_replies) *buffer = '\0';
-  return no_more_replies ? nullptr : buffer;
+  if (std::ferror(stdin) != 0) std::clearerr(stdin); // it is tried anew
+  const bool found = read_piece(stdin, buffer, bfsz) > 0;
+  last_input = std::ferror(stdin) != 0 ? Input::Failure : found ? Input::Reply : Input::End;
+  if (!found) *buffer = '\0';
+  return found ? buffer : nullptr;
 }
 
-bool input_ended() { return no_more_replies; }
+bool input_ended() { return last_input != Input::Reply; }
+
+bool input_failed() { return last_input == Input::Failure; }
 
 bool same_inode(const struct ::stat &a, const struct ::stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
