@@ -43,6 +43,12 @@ if [[ ! -e $packages/installer-check ]]; then
   chmod +x "$checker/installer-check"
 fi
 
+echo "== C library" # the one that README promises; any other machine has what it was built with
+needed=$(objdump -T "$packages/installer" | grep -oE 'GLIBC_[0-9.]+' | sort -uV | tail -n 1)
+newest=$(printf '%s\nGLIBC_2.17\n' "$needed" | sort -V | tail -n 1)
+[[ $newest == GLIBC_2.17 || $(uname -m) != x86_64 ]] ||
+  { echo "the program needs $needed"; exit 1; }
+
 echo "== lintian"
 lintian --allow-root --fail-on error,warning "${deb[0]}"
 
