@@ -22,8 +22,8 @@ function(needs_only_libc target)
   endif()
 endfunction()
 
-# Products go to machines older than this one: newer symbols of the C library are replaced by what it
-# had before. The sanitizers bring calls of their own.
+# Products go to machines older than this one: newer symbols of the C library are replaced by what
+# it had before. The sanitizers bring calls of their own.
 include(CheckCXXSymbolExists)
 check_cxx_symbol_exists(__GLIBC__ features.h has_glibc)
 function(runs_on_old_glibc target)

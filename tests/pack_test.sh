@@ -39,7 +39,8 @@ cp -R --preserve=mode board "./-a copy"
 sleep 1 # the time must not count
 is "pack again" 0 "$(umask 077; TZ=UTC+5 GZIP=-1 status installer-pack "-a copy" -again.run)"
 is "the same to the bit" 0 "$(status cmp noticeboard.run ./-again.run)"
-is "leaves only the file" "-a copy -again.run bin board noticeboard.run out start tmp" "$(entries .)"
+is "leaves only the file" "-a copy -again.run bin board noticeboard.run out start tmp" \
+  "$(entries .)"
 
 # refused TEXT COMMAND...: changes a copy of the folder, which is then refused with the text.
 refused() {
@@ -93,12 +94,34 @@ ln -s precious noticeboard.log
 is "remove" 0 "$(status $one -- -automate -special remove)"
 is "link kept" "precious precious" "$(cat noticeboard.log.1 precious | paste -sd ' ')"
 is "removed" no "$([[ -e ../target ]] && echo yes || echo no)"
+rm noticeboard.* precious
+mkdir ../other
+ln -s ../other noticeboard.log
+is "link to a directory" 0 "$(status $one -- -version)"
+is "told where" 1 "$(grep -c 'the log is .*/noticeboard.log.......$' out)"
+is "nothing put there" "" "$(entries ../other)"
+rm noticeboard.*
+for _ in {1..6}; do $one -- -version >/dev/null & done
+wait
+is "six at once" "$(echo noticeboard.log{,.{1..5}})" "$(echo noticeboard.log*)"
+mkdir gone
+is "nowhere to put it" 0 \
+  "$(cd gone && rmdir ../gone && "$scratch/noticeboard.run" -- -version >/dev/null 2>&1; echo $?)"
+is "kept" "noticeboard.log" "$(ls ../tmp/*)"
+rm -r ../tmp/*
+is "closed input" 0 "$(status $one <&-)"
 cd ..
+cp -R board echo
+cp "$(type -P echo)" echo/noticeboard
+is "pack echo" 0 "$(status installer-pack echo echo.run)"
+is "arguments" "-special  a  b -answers $PWD/a -record /r -answers - --" \
+  "$(./echo.run -- -special ' a  b' -answers a -record /r -answers - --)"
 nothing_left "runs"
 
 # Through a terminal, with every default.
 rm -rf start/*
-(cd start && { echo 1; printf '\n%.0s' {1..40}; } | script -qec ../noticeboard.run typescript >/dev/null)
+(cd start && { echo 1; printf '\n%.0s' {1..40}; } |
+  script -qec ../noticeboard.run typescript >/dev/null)
 is "interactive" 1 "$(grep -c '^Success' start/typescript)"
 is "log" 1 "$(find start -name noticeboard.log -size +0 | wc -l)"
 nothing_left "interactive"
@@ -136,8 +159,8 @@ is "no process left" "" "$(find /proc -maxdepth 2 -name cwd -lname "$TMPDIR/*" 2
 
 # Where programs cannot be run, it says what to do.
 if unshare --user --map-root-user --mount true 2>/dev/null; then
-  unshare --user --map-root-user --mount sh -c '
-    mount -t tmpfs -o noexec none tmp && ! ./noticeboard.run -- -automate && ls -A tmp' >noexec 2>&1 || true
+  unshare --user --map-root-user --mount sh -c 'mount -t tmpfs -o noexec none tmp &&
+    ! ./noticeboard.run -- -automate && ls -A tmp' >noexec 2>&1 || true
   is "noexec" 1 "$(grep -c 'set TMPDIR to a directory that allows it' noexec)"
   is "noexec: lines" 1 "$(wc -l <noexec)"
 else

@@ -1,6 +1,6 @@
 # The product "$name" in one file: this script, and the folder from line $lines + 3 on.
 # It unpacks to a private folder, runs the product there, brings back its log, and cleans up.
-# shellcheck shell=sh disable=SC2154,SC2317,SC2015 # name and lines stand above; traps call functions
+# shellcheck shell=sh disable=SC2154,SC2317,SC2015 # two names stand above; traps call functions
 unset CDPATH
 start=$PWD work='' signal=''
 case $0 in /*) file=$0 ;; *) file=$PWD/$0 ;; esac
@@ -23,9 +23,17 @@ fail() {
 
 exists() { [ -e "$1" ] || [ -L "$1" ]; }
 
+# number_old: what has the log's name gets the first number that is free. Never a directory.
+number_old() {
+  old=$(mktemp -u "$log.XXXXXX") number=1
+  [ ! -d "$log" ] && mv -f "$log" "$old" 2>/dev/null || return
+  while exists "$log.$number"; do number=$((number + 1)); done
+  ! ln -T "$old" "$log.$number" 2>/dev/null || rm -f "$old"
+}
+
 # Links and files of others may have been planted under the log's name where this was started. So it
-# is created under a name that nobody knows, exclusively, and named by calls that follow no link.
-# What was there moves to the first free number; a log that finds no place stays beside the folder.
+# is created under a name that nobody knows, exclusively, and named by calls that follow no link. A
+# log that finds no place stays beside the folder.
 bring_log() {
   cd "$work/product" || return
   set --
@@ -33,24 +41,20 @@ bring_log() {
     [ ! -f "$name.log$part" ] || set -- "$@" "$name.log$part"
   done
   [ $# -gt 0 ] || return 0
-  log=${start%/}/$name.log new=$(mktemp -u "${start%/}/$name.log.XXXXXX") || new=
-  if [ -z "$new" ] || ! ( umask 077 && set -C && cat "$@" >"$new" ) 2>/dev/null; then
-    [ -z "$new" ] || rm -f "$new"
-    cat "$@" >"$work/$name.log" || mv "$@" "$work"
+  log=${start%/}/$name.log
+  new=$(mktemp -u "$log.XXXXXX")
+  if [ ! -d "$start" ] || ! ( umask 077 && set -C && cat "$@" >"$new" ) 2>/dev/null; then
+    [ ! -d "$start" ] || rm -f "$new"
+    mv "$@" "$work"
     printf '%s\n' "$name: the log could not be put into $start" >&2
     return
   fi
-  until ln "$new" "$log" 2>/dev/null; do
-    old=$(mktemp -u "$log.XXXXXX")
-    if ! exists "$log" || [ -d "$log" ] || ! mv -f "$log" "$old" 2>/dev/null; then
-      printf '%s\n' "$name: the log is $new" >&2
-      return
-    fi
-    number=1
-    while exists "$log.$number"; do number=$((number + 1)); done
-    ! ln "$old" "$log.$number" 2>/dev/null || rm -f "$old"
+  # Another run may put its own there in between.
+  for _ in 1 2 3 4 5 6 7 8 9 10; do
+    ! ln -T "$new" "$log" 2>/dev/null || { rm -f "$new"; return; }
+    number_old || [ ! -d "$log" ] || break
   done
-  rm -f "$new"
+  printf '%s\n' "$name: the log is $new" >&2
 }
 
 # Only what was unpacked is removed: a product may have been installed beside it.
@@ -61,9 +65,11 @@ leave() {
   if [ -n "$work" ]; then
     [ ! -d "$work/product" ] || bring_log
     cd /
-    rm -rf "$work/product" 2>/dev/null || { chmod -R u+rwx "$work/product" && rm -rf "$work/product"; }
-    rmdir "$work" 2>/dev/null ||
-      printf '%s\n' "$name: left in $work, beside the unpacked folder:" "$(ls -A "$work")" >&2
+    rm -rf "$work/product" 2>/dev/null || {
+      chmod -R u+rwx "$work/product"
+      rm -rf "$work/product"
+    }
+    rmdir "$work" 2>/dev/null || printf '%s\n' "$name: kept in $work:" "$(ls -A "$work")" >&2
   fi
   if [ -n "$signal" ]; then
     # shellcheck disable=SC3045 # no core file of this shell where its limit can be set
@@ -87,7 +93,7 @@ unpack() {
 
 # run ARGUMENT...: the product as a child that can be signalled, on the same standard input.
 run() {
-  if ( : <&0 ) 2>/dev/null; then exec 3<&0; else exec 3</dev/null; fi
+  if ( : 3<&0 ) 2>/dev/null; then exec 3<&0; else exec 3</dev/null; fi
   "./$name" "$@" <&3 3<&- &
   while :; do
     wait $! && status=0 || status=$?
