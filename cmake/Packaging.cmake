@@ -18,7 +18,7 @@ foreach(file ${example})
 endforeach()
 
 install(TARGETS installer DESTINATION lib/installer)
-foreach(program installer_check installer_preview)
+foreach(program installer_check installer-preview)
   if(TARGET ${program})
     install(TARGETS ${program})
   endif()
