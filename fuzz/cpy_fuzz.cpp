@@ -11,15 +11,14 @@ void installer::fuzz(const std::string &input, Ini ini) {
   const int loaded = copy_load(&script, as_file(input), "Install");
   int found = 0;
   std::uint32_t i = 0;
-  for (const Line &line : lines_of(input, found)) {
-    const std::string word = " " + line[1] + " ";
-    const bool two = ::strcasestr(" Ini Rename Exist WFile RFile RmFile RmDir ", word.c_str());
-    const bool one = ::strcasestr(" MkDir Error ", word.c_str());
-    const std::size_t needed = one ? 2 : two ? 3 : 4;
+  for (const Line &line : lines_of(input, CopyLines, found)) {
+    std::size_t needed = 4;
+    for (const CopyCommand &command : copy_commands())
+      if (s_stricmp(command.word, line[1].c_str()) == 0) needed = 1 + command.slots.size();
     if (line.size() <= needed && !line.cut) continue;
     const bool error = s_stricmp(line[1].c_str(), "Error") == 0;
     const bool cut = line.cut && line.size() <= needed + (error ? 1 : 3);
-    check(script.list[i].cut == (cut || line.continued));
+    check(script.list[i].cut == (cut || line.continued) && script.list[i].line == line.number);
     if (line.size() <= needed && ++i > 0) continue;
     const std::string source = or_empty(copy_src(&script, i));
     check(source == expanded(ini, line[2], true));

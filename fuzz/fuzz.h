@@ -3,6 +3,7 @@
 // What the harnesses share, above all a plain reading of the formats to compare the modules with.
 
 #include "installer/ini.h"
+#include "installer/lines.h"
 #include "installer/log.h"
 
 #include <algorithm>
@@ -60,9 +61,10 @@ inline Texts split(const std::string &text, const char *separators, std::size_t 
   return pieces;
 }
 
-/// A line as itself and then its words. `continued`: it is not the beginning of one; `cut`: nor the
-/// end.
+/// A line as itself and then its words. `number`: of the line in the file; `continued`: it is not
+/// the beginning of that; `cut`: nor the end.
 struct Line : Texts {
+  std::size_t number = 0;
   bool continued = false;
   bool cut = false;
 };
@@ -70,22 +72,27 @@ struct Line : Texts {
 /// The lines that count: those of the whole file or, when `found` is 0, those of the first section
 /// "install"; `found` then becomes 1.
 inline int whole_file = 1;
-inline std::vector<Line> lines_of(const std::string &text, int &found = whole_file) {
+inline std::vector<Line> lines_of(const std::string &text, LineRules rules = {},
+                                  int &found = whole_file) {
   std::vector<Line> lines;
   const bool sections = found == 0;
+  bool comment = false;
   for (std::size_t at = 0, end, begin = 0; at < text.size(); at = end) {
     end = std::min({text.find('\n', at), text.size() - 1, at + LineSize - 2}) + 1;
     std::string line = text.substr(at, end - at);
     const bool continued = at > begin;
-    const bool cut = line.back() != '\n' && end < text.size() && !std::strchr("\r\n", text[end]);
-    if (!cut) begin = end;
+    const auto number = static_cast<std::size_t>(std::count(&text[0], &text[at], '\n')) + 1;
+    const std::size_t more = std::min(text.find_first_not_of(" \t\v\f\r", end), text.size());
+    const bool cut = line.back() != '\n' && more < text.size() && text[more] != '\n';
+    if (line.back() == '\n') begin = end;
     line = std::string{s_strtrm(line.data())};
-    if (line.empty() || line[0] == '#') continue;
+    comment = line[0] == '#' || (comment && continued && rules.joined_comments);
+    if (line.empty() || comment) continue;
     if (sections && line[0] == '[' && !continued) {
       if (found != 0) break;
       found = s_stricmp(line.c_str(), line.back() == ']' ? "[install]" : "[install") == 0 ? 1 : 0;
     } else if (found != 0) {
-      lines.push_back({split(line, " \t"), continued, cut});
+      lines.push_back({split(line, " \t"), number, continued, cut});
       lines.back().insert(lines.back().begin(), line);
     }
   }

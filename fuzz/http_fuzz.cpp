@@ -6,7 +6,6 @@
 #include "fuzz/fuzz.h"
 
 void installer::fuzz(const std::string &input, Ini /*ini*/) {
-  if (is_binary(input)) return;
   for (const Directive &directive : directives) directive.found = {};
   const char *const files[] = {"/proc/none", as_file(input), nullptr};
   http_files = files;

@@ -11,11 +11,15 @@ void installer::fuzz(const std::string &input, Ini ini) {
   const int loaded = quest_load(&set, as_file(in[0]), "Install");
   int found = 0;
   std::uint32_t i = 0;
-  for (const Texts &line : lines_of(in[0], found)) {
+  for (const Line &line : lines_of(in[0], {}, found)) {
     const auto is = [&line](const char *word) { return s_stricmp(line[1].c_str(), word) == 0; };
-    if (line.size() <= (is("Exist") || is("Loop") ? 3U : is("Error") ? 4U : 6U)) continue;
-    std::string setting = line[is("Exist") ? 3 : 2], answer = in[1 + i % (in.size() - 1)];
-    check(s_strcmp(quest_setting(&set, i), s_strtrm(setting.data())) == 0);
+    const QuestKeyword *row = &quest_keyword(static_cast<QType>(0));
+    for (const QuestKeyword &keyword : quest_keywords())
+      if (is(keyword.word)) row = &keyword;
+    if (line.size() <= 1 + row->slots.size()) continue;
+    const std::size_t second = row->slots.front().field == &quest::setting ? 2 : 3;
+    std::string setting = line[second], answer = in[1 + i % (in.size() - 1)];
+    check(quest_setting(&set, i) == setting && set.list[i].line == line.number);
     char fallback[PathSize]; // Also moves the cursor, so that the answer becomes the value.
     quest_default(&set, i, fallback, sizeof fallback);
     const QType type = quest_type(&set, i);
@@ -27,8 +31,8 @@ void installer::fuzz(const std::string &input, Ini ini) {
     if (has(type, QDir) && !answer.empty() && answer.find_last_of("/\\") == answer.size() - 1)
       expected.pop_back();
     const int accepted = quest_answer(&set, i++, answer.data());
-    const char *value = ini_value_name(ini, s_strtrm(setting.data()));
-    check(accepted != 0 || (*quest_error() != '\0' && (type & (QYN | QExist | QEmpty)) != 0));
+    const char *value = ini_value_name(ini, setting.c_str());
+    check(accepted != 0 || (*quest_error() != '\0' && row->accept != quest_keyword(QText).accept));
     check(accepted == 0 || s_strcmp(value, expected.c_str()) == 0);
   }
   check(loaded == found && quest_count(&set) == i && quest_text(&set, i) == nullptr);

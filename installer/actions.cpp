@@ -1,8 +1,7 @@
-#include "installer/installer.h"
+#include "installer/front.h"
 
 #include "installer/copy.h"
 #include "installer/file.h"
-#include "installer/front.h"
 #include "installer/quest.h"
 
 #include <cstring>
@@ -67,6 +66,16 @@ constexpr Action special_action = {
     .expand_error = false,
 };
 
+const Action &action_of(ActionKind kind) {
+  switch (kind) {
+  case ActionKind::Install: return install_action;
+  case ActionKind::Upgrade: return upgrade_action;
+  case ActionKind::Remove: return remove_action;
+  case ActionKind::Special: break;
+  }
+  return special_action;
+}
+
 const char *section_of(const Action &action) {
   return action.section != nullptr ? action.section : text_of(special_mode);
 }
@@ -81,8 +90,8 @@ const char *banner_of(const Action &action) {
 /// One walk through the questions of a section. `index`: the entry to process next; `jumps`: jumps
 /// since the operator's last reply.
 struct Pass {
+  Run &run;
   Questions quest;
-  Ini ini;
   const Action &action;
   std::uint32_t index = 0;
   std::uint32_t jumps = 0;
@@ -97,24 +106,24 @@ bool is_letter(const char *reply, char letter) {
 }
 
 const char *setting_value(const Pass &pass) {
-  return ini_value_name(pass.ini, quest_setting(pass.quest, pass.index));
+  return ini_value_name(pass.run.ini, quest_setting(pass.quest, pass.index));
 }
 
 void set_setting(const Pass &pass, const char *value) {
-  ini_add_name(pass.ini, quest_setting(pass.quest, pass.index), value);
+  ini_add_name(pass.run.ini, quest_setting(pass.quest, pass.index), value);
 }
 
 Step handle_exist(Pass &pass) {
   const char *text = quest_text(pass.quest, pass.index);
   char temp[LineSize];
-  const bool fits = ini_replace_path(pass.ini, text, temp, sizeof temp) != 0;
+  const bool fits = ini_replace_path(pass.run.ini, text, temp, sizeof temp) != 0;
   if (!fits) emsg("Failed to test (%s), %s", text, std::strerror(errno));
   set_setting(pass, fits && file_exist(temp) != 0 ? "true" : "false");
   return Step::Next;
 }
 
 Step handle_copy(Pass &pass) {
-  const char *value = ini_value_name(pass.ini, quest_text(pass.quest, pass.index));
+  const char *value = ini_value_name(pass.run.ini, quest_text(pass.quest, pass.index));
   if (value != nullptr) set_setting(pass, value);
   return Step::Next;
 }
@@ -123,7 +132,7 @@ Step handle_error(Pass &pass) {
   if (isfalse(setting_value(pass)) == 0) return Step::Next;
   const char *text = quest_text(pass.quest, pass.index);
   char temp[LineSize] = "";
-  if (pass.action.expand_error) ini_replace(pass.ini, text, temp, sizeof temp);
+  if (pass.action.expand_error) ini_replace(pass.run.ini, text, temp, sizeof temp);
   std::printf("Error: %s\n", pass.action.expand_error ? temp : text);
   return Step::Fail;
 }
@@ -152,9 +161,10 @@ constexpr Special specials[] = {
 };
 
 bool gate_open(const Pass &pass) {
-  const char *control = ini_value_name(pass.ini, quest_control(pass.quest, pass.index));
+  // Both are looked up before either is judged: a look-up decides where the next value goes.
+  const char *control = ini_value_name(pass.run.ini, quest_control(pass.quest, pass.index));
+  const char *compare = ini_value_or_text(pass.run.ini, quest_control_cmp(pass.quest, pass.index));
   if (control == nullptr) return true;
-  const char *compare = ini_value_or_text(pass.ini, quest_control_cmp(pass.quest, pass.index));
   return compare != nullptr ? std::strcmp(control, compare) == 0 : istrue(control) != 0;
 }
 
@@ -218,69 +228,90 @@ ActionResult run_pass(Pass pass) {
   return SUCEEDED;
 }
 
-bool wants_changes() {
-  if (automate != 0) return false;
+/// What the operator wants after the last question: `Next` to begin the work, `Stay` to answer
+/// again. Input that cannot be read quits, for it is no consent.
+Step review() {
+  if (automate != 0) return Step::Next;
   std::printf("Do you want to change your answers [n]? ");
   char reply[LineSize];
   read_reply(reply, sizeof reply);
-  return istrue(s_strtrm(reply)) != 0;
+  if (input_failed()) return Step::Quit;
+  return istrue(s_strtrm(reply)) != 0 ? Step::Stay : Step::Next;
 }
 
-ActionResult ask_questions(Ini ini, const Action &action) {
-  const QuestOwner quest{quest_init(ini)};
+ActionResult ask_until_content(Run &run, const Action &action, Questions quest) {
+  while (true) {
+    const ActionResult result = run_pass(Pass{run, quest, action});
+    if (result != SUCEEDED) return result;
+    const Step step = review();
+    if (step != Step::Stay) return step == Step::Next ? SUCEEDED : QUIT;
+  }
+}
+
+ActionResult ask_questions(Run &run, const Action &action) {
+  const QuestOwner quest{quest_init(run.ini)};
   char path[PathSize];
-  if (product_file(".q", path) == 0 || quest_load(quest.get(), path, section_of(action)) == 0) {
+  if (!product_file(".q", path) ||
+      quest_load(quest.get(), path, section_of(action), tell_fault) == 0) {
     emsg("Error loading questions");
     return FAILED;
   }
-  ActionResult result = SUCEEDED;
-  do result = run_pass(Pass{quest.get(), ini, action});
-  while (result == SUCEEDED && wants_changes());
-  return result;
+  return ask_until_content(run, action, quest.get());
 }
 
 // ---- The copy script ----
 
-void print_result(const Action &action, bool completed, std::uint64_t files, std::uint64_t bytes) {
-  const std::string file_count = std::to_string(files);
-  const std::string byte_count = std::to_string(bytes);
-  if (!completed) std::printf("]\nFailed, %s", copy_error());
+void print_result(const Action &action, const Outcome &outcome) {
+  const std::string files = std::to_string(outcome.files);
+  const std::string bytes = std::to_string(outcome.bytes);
+  if (!outcome.completed) std::printf("]\nFailed, %s", copy_error());
   else if (action.counts_bytes)
-    std::printf("]\nSuccess %s bytes in %s files %s\n", byte_count.c_str(), file_count.c_str(),
-                action.done);
-  else std::printf("]\n Success %s files %s\n", file_count.c_str(), action.done);
+    std::printf("]\nSuccess %s bytes in %s files %s\n", bytes.c_str(), files.c_str(), action.done);
+  else std::printf("]\n Success %s files %s\n", files.c_str(), action.done);
 }
 
-void run_script(Ini ini, const Action &action) {
-  const CopyOwner copy{copy_init(ini)};
+void run_script(Run &run, const Action &action) {
+  const CopyOwner copy{copy_init(run.ini)};
+  Outcome &outcome = run.outcome;
   char path[PathSize];
   copy_setup(copy.get(), printdot, printerror);
-  if (product_file(".cpy", path) == 0 || copy_load(copy.get(), path, section_of(action)) == 0)
+  if (!product_file(".cpy", path) ||
+      copy_load(copy.get(), path, section_of(action), tell_fault) == 0)
     return;
   std::printf("%s", action.opener);
-  std::uint64_t files = 0;
-  std::uint64_t bytes = 0;
-  const int completed =
-      copy_process(copy.get(), &files, action.counts_bytes ? &bytes : nullptr, action.stop_on_fail);
-  print_result(action, completed != 0, files, bytes);
+  outcome.began = true;
+  outcome.completed =
+      copy_process(copy.get(), &outcome.files, action.counts_bytes ? &outcome.bytes : nullptr,
+                   action.stop_on_fail) != 0;
+  print_result(action, outcome);
 }
 
-ActionResult run_action(Ini ini, const Action &action) {
-  std::printf("[%s]\n", banner_of(action));
-  const ActionResult result = ask_questions(ini, action);
-  if (result == SUCEEDED) run_script(ini, action);
-  return result;
+ActionResult run_alone(Ini ini, ActionKind kind) {
+  Run run;
+  run.ini = ini;
+  return run_action(run, kind);
 }
 
 } // namespace
 
-ActionResult install_product(Ini ini) { return run_action(ini, install_action); }
+ActionResult run_action(Run &run, ActionKind kind) {
+  const Action &action = action_of(kind);
+  run.outcome = {};
+  std::printf("[%s]\n", banner_of(action));
+  ActionResult result = FAILED;
+  if (!within_memory([&] { result = ask_questions(run, action); })) return FAILED;
+  // A copy script that cannot be loaded is no failure of the action.
+  if (result == SUCEEDED) static_cast<void>(within_memory([&] { run_script(run, action); }));
+  return result;
+}
 
-ActionResult upgrade_product(Ini ini) { return run_action(ini, upgrade_action); }
+ActionResult install_product(Ini ini) { return run_alone(ini, ActionKind::Install); }
 
-ActionResult remove_product(Ini ini) { return run_action(ini, remove_action); }
+ActionResult upgrade_product(Ini ini) { return run_alone(ini, ActionKind::Upgrade); }
 
-ActionResult do_special(Ini ini) { return run_action(ini, special_action); }
+ActionResult remove_product(Ini ini) { return run_alone(ini, ActionKind::Remove); }
+
+ActionResult do_special(Ini ini) { return run_alone(ini, ActionKind::Special); }
 
 void print_blurb(Ini ini) {
   const Stream blurb{s_fopen("blurb.txt", "r")};

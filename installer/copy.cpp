@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 namespace installer {
 
@@ -13,91 +12,125 @@ namespace {
 constexpr std::size_t LongestPiece = 8999;
 constexpr std::size_t LongestText = 9999;
 
-/// A required field of a command line: its name in the debug log and the error when it is missing.
-struct Slot {
-  Text copy_cmd::*field;
-  const char *name;
-  const char *missing;
-};
-constexpr Slot source_slot = {&copy_cmd::source, "source", "Missing copy source path"};
-constexpr Slot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard"};
-constexpr Slot dest_slot = {&copy_cmd::dest, "destination", "Missing copy destination path"};
+constexpr CopySlot source_slot(Operand operand) {
+  return {&copy_cmd::source, "source", "Missing copy source path", operand};
+}
+constexpr CopySlot dest_slot(Operand operand) {
+  return {&copy_cmd::dest, "destination", "Missing copy destination path", operand};
+}
+constexpr CopySlot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard", Operand::Exclusions};
 
-constexpr Slot tree_slots[] = {source_slot, not_slot, dest_slot};
-constexpr Slot pair_slots[] = {source_slot, dest_slot};
-constexpr Slot removal_slots[] = {source_slot, not_slot};
-constexpr Slot path_slots[] = {source_slot};
+constexpr CopySlot copy_slots[] = {source_slot(Operand::Pattern), not_slot,
+                                   dest_slot(Operand::Directories)};
+constexpr CopySlot chown_slots[] = {source_slot(Operand::Bounded), not_slot,
+                                    dest_slot(Operand::Owner)};
+constexpr CopySlot chmod_slots[] = {source_slot(Operand::Bounded), not_slot,
+                                    dest_slot(Operand::Mode)};
+constexpr CopySlot removal_slots[] = {source_slot(Operand::Bounded), not_slot};
+constexpr CopySlot path_slots[] = {source_slot(Operand::Path)};
+constexpr CopySlot pair_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Path)};
+constexpr CopySlot write_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Value)};
+constexpr CopySlot result_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Result)};
+constexpr CopySlot decision_slots[] = {source_slot(Operand::Decision)};
 
-struct Keyword {
-  const char *word;
-  CType type;
-  std::span<const Slot> slots;
-};
-constexpr Keyword keywords[] = {
-    {"CopyFile", CType::CpyFile, tree_slots   },
-    {"CopyDir",  CType::CpyDir,  tree_slots   },
-    {"MkDir",    CType::MkDir,   path_slots   },
-    {"Ini",      CType::CpyIni,  pair_slots   },
-    {"Rename",   CType::Rename,  pair_slots   },
-    {"RmFile",   CType::RmFile,  removal_slots},
-    {"RmDir",    CType::RmDir,   removal_slots},
-    {"Exist",    CType::Exist,   pair_slots   },
-    {"Chown",    CType::Chown,   tree_slots   },
-    {"Chmod",    CType::Chmod,   tree_slots   },
-    {"Error",    CType::Error,   path_slots   },
-    {"WFile",    CType::WFile,   pair_slots   },
-    {"RFile",    CType::RFile,   pair_slots   },
-};
-constexpr Keyword unknown_keyword = {nullptr, static_cast<CType>(0), tree_slots};
+/// A command that copies no bytes.
+template <auto operation> int run(pCopy x, std::uint32_t index, std::uint64_t * /*bytes*/) {
+  return operation(x, index);
+}
 
-const Keyword &read_keyword(const char *word) {
-  const Keyword *keyword = find_word(keywords, word, s_stricmp);
-  if (keyword == nullptr) cerror("Unknown copy type '%s'", word);
-  return keyword != nullptr ? *keyword : unknown_keyword;
+int run_unknown(pCopy /*x*/, std::uint32_t /*index*/, std::uint64_t * /*bytes*/) {
+  cerror("How did we get here!");
+  return 0;
+}
+
+constexpr CopyCommand commands[] = {
+    {"CopyFile", CType::CpyFile, copy_slots,     copy_files         },
+    {"CopyDir",  CType::CpyDir,  copy_slots,     copy_files         },
+    {"MkDir",    CType::MkDir,   path_slots,     run<copy_mkdir>    },
+    {"Ini",      CType::CpyIni,  pair_slots,     run<copy_write_ini>},
+    {"Rename",   CType::Rename,  pair_slots,     run<copy_rename>   },
+    {"RmFile",   CType::RmFile,  removal_slots,  run<copy_remove>   },
+    {"RmDir",    CType::RmDir,   removal_slots,  run<copy_remove>   },
+    {"Exist",    CType::Exist,   result_slots,   run<copy_exist>    },
+    {"Chown",    CType::Chown,   chown_slots,    run<copy_chown>    },
+    {"Chmod",    CType::Chmod,   chmod_slots,    run<copy_chmod>    },
+    {"Error",    CType::Error,   decision_slots, run<copy_seterror> },
+    {"WFile",    CType::WFile,   write_slots,    run<copy_wfile>    },
+    {"RFile",    CType::RFile,   result_slots,   run<copy_rfile>    },
+};
+constexpr CopyCommand unknown_command = {nullptr, static_cast<CType>(0), copy_slots, run_unknown};
+
+/// The line that is being read. `rest`: what has not been taken of it yet.
+struct CommandLine {
+  char *rest;
+  const Lines &lines;
+  const Faults &faults;
+
+  void fault(FaultKind kind, const std::string &text, const char *word = nullptr) const {
+    const bool remark = kind == FaultKind::Surplus;
+    faults(lines.fault(remark ? Severity::Remark : Severity::Error, kind, text, word));
+  }
+};
+
+const CopyCommand &read_keyword(const CommandLine &line, const char *word) {
+  const CopyCommand *command = find_word(commands, word, s_stricmp);
+  if (command != nullptr) return *command;
+  line.fault(FaultKind::UnknownKeyword, "Unknown copy type '" + std::string{word} + "'", word);
+  return unknown_command;
 }
 
 /// Takes the next word of the line as a field; with `missing`, its absence is an error.
-bool read_field(Text &field, const char *name, const char *missing, char **line) {
-  field = make_text(next_word(line));
-  if (!field && missing != nullptr) cerror("%s", missing);
+bool read_field(Text &field, const char *name, const char *missing, CommandLine &line) {
+  field = make_text(next_word(&line.rest));
+  if (!field && missing != nullptr) line.fault(FaultKind::MissingWord, missing);
   if (field || missing != nullptr) dmsg("Copy line '%s' is [%s]", name, text_of(field));
   return field.has_value();
 }
 
 /// False when required fields are missing; each is reported.
-bool read_slots(CCmd &command, std::span<const Slot> slots, char **line) {
+bool read_slots(CCmd &command, std::span<const CopySlot> slots, CommandLine &line) {
   bool complete = true;
-  for (const Slot &slot : slots)
+  for (const CopySlot &slot : slots)
     complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
   return complete;
 }
 
-void read_control(CCmd &command, char **line) {
+void read_control(CCmd &command, CommandLine &line) {
   if (read_field(command.control, "control", nullptr, line))
     read_field(command.control_cmp, "control_cmp", nullptr, line);
 }
 
-void load_command(pCopy x, char *line, const Lines &lines) {
-  dmsg("Process .cpy file line [%s]", line);
-  const char *word = next_word(&line);
-  if (word == nullptr) return;
-  const Keyword &keyword = read_keyword(word);
-  CCmd command;
-  command.type = keyword.type;
-  dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
-  const bool complete = read_slots(command, keyword.slots, &line);
-  if (complete && command.type != CType::Error) read_control(command, &line);
-  // Words behind the last field, and a message, may be cut.
-  const bool cut = lines.cut() && *line == '\0';
-  if (!complete && !cut) return;
-  command.cut = cut || lines.continued();
-  if (command.type == CType::Error) {
-    if (*line != '\0') command.dest = line;
-    dmsg("Copy list error string is '%s'", text_of(command.dest));
-  }
+void read_message(CCmd &command, const CommandLine &line) {
+  if (*line.rest != '\0') command.dest = line.rest;
+  dmsg("Copy list error string is '%s'", text_of(command.dest));
+}
+
+void add_command(pCopy x, CCmd command) {
   x->list.push_back(std::move(command));
   if (x->ini != nullptr) copy_processpaths(x, static_cast<std::int32_t>(x->count));
   ++x->count;
+}
+
+void load_command(pCopy x, CommandLine line) {
+  dmsg("Process .cpy file line [%s]", line.rest);
+  const char *word = next_word(&line.rest);
+  if (word == nullptr) return;
+  const CopyCommand &keyword = read_keyword(line, word);
+  CCmd command;
+  command.type = keyword.type;
+  command.line = line.lines.number();
+  dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
+  const bool complete = read_slots(command, keyword.slots, line);
+  const bool message = command.type == CType::Error;
+  if (complete && !message) read_control(command, line);
+  // Words behind the last field, and a message, may be cut.
+  const bool cut = line.lines.cut() && *line.rest == '\0';
+  if (!complete && !cut) return;
+  command.cut = cut || line.lines.continued();
+  if (message) read_message(command, line);
+  else if (const char *surplus = next_word(&line.rest))
+    line.fault(FaultKind::Surplus, "Words that are never read", surplus);
+  add_command(x, std::move(command));
 }
 
 const char *field(pCopy x, std::uint32_t index, Text copy_cmd::*member) {
@@ -119,6 +152,16 @@ char *path_part(const char *operand, char *buffer, std::size_t bfsz) {
 
 } // namespace
 
+std::span<const CopyCommand> copy_commands() { return commands; }
+
+const CopyCommand &copy_command(CType type) {
+  for (const CopyCommand &command : commands)
+    if (command.type == type) return command;
+  return unknown_command;
+}
+
+Operand source_operand(const CopyCommand &command) { return command.slots.front().operand; }
+
 pCopy copy_init(Ini ini) {
   auto *x = new copy;
   x->ini = ini;
@@ -129,24 +172,19 @@ void copy_free(pCopy *x) { drop(x); }
 
 void copy_setup(pCopy /*x*/, FileCallback xok, FileCallback xfail) { file_setup_fn(xok, xfail); }
 
-int copy_load(pCopy x, const char *file, const char *section) {
+int copy_load(pCopy x, const char *file, const char *section, const Faults &faults) {
   if (x == nullptr || file == nullptr || section == nullptr) return 0;
   x->list.clear();
   x->count = 0;
-  Lines lines{file};
-  if (!lines) {
-    cerror("Error opening '%s'", file);
-    return 0;
-  }
-  errno = 0;
-  const bool found = lines.enter(section);
-  if (found)
-    for (char *line : lines) load_command(x, line, lines);
-  if (lines.failed()) {
-    cerror("Error reading '%s'", file);
-    return 0;
-  }
-  return found ? 1 : 0;
+  Lines lines{file, faults, CopyLines};
+  const bool found = lines && lines.enter(section);
+  if (found) copy_read(x, lines, faults);
+  if (lines.failed()) faults(lines.unreadable(lines ? "Error reading" : "Error opening"));
+  return found && !lines.failed() ? 1 : 0;
+}
+
+void copy_read(pCopy x, Lines &lines, const Faults &faults) {
+  for (char *line : lines) load_command(x, {line, lines, faults});
 }
 
 std::uint32_t copy_count(pCopy x) { return x ? x->count : 0; }
@@ -192,20 +230,23 @@ char *copy_dst_file(pCopy x, std::uint32_t index, char *buffer, std::size_t bfsz
 Text replace_vars(pCopy x, const char *string, Text *emptied) {
   if (x == nullptr || string == nullptr || std::strstr(string, "$(") == nullptr) return {};
   std::string result;
+  // Nothing is built that would be cut, but each setting is looked up.
+  const auto add = [&result](const char *text, std::size_t most) {
+    result.append(text, ::strnlen(text, std::min(most, LongestText - result.size())));
+  };
   const char *scan = string;
   while (const char *opener = std::strstr(scan, "$(")) {
     const char *close = std::strchr(opener, ')');
     if (close == nullptr) break;
-    result.append(scan, opener);
+    add(scan, static_cast<std::size_t>(opener - scan));
     const std::string name(opener + 2, close);
     scan = close + 1;
     const char *value = ini_value_name(x->ini, name.c_str());
-    if (value == nullptr) result.append(opener, scan);
-    else result.append(value, ::strnlen(value, LongestPiece));
+    if (value == nullptr) add(opener, static_cast<std::size_t>(scan - opener));
+    else add(value, LongestPiece);
     if (value != nullptr && *value == '\0' && emptied != nullptr) *emptied = name;
   }
-  result.append(scan, ::strnlen(scan, LongestPiece));
-  if (result.size() > LongestText) result.resize(LongestText);
+  add(scan, LongestPiece);
   return result;
 }
 
@@ -224,7 +265,7 @@ void cerror(const char *format, ...) {
   va_start(arg, format);
   Message message = make_message(format, arg);
   va_end(arg);
-  if (errno != 0) add_system_text(message);
+  add_cause(message, last_cause());
   emsg("%s", message.text);
 }
 

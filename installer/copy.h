@@ -9,8 +9,11 @@
 #include "installer/file.h"
 #include "installer/ini.h"
 #include "installer/lib.h"
+#include "installer/lines.h"
+#include "installer/log.h"
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace installer {
@@ -38,7 +41,8 @@ enum class CType : std::uint32_t {
 /// One command. `source`, `dest`: the operands, what they mean depends on the type; `not_`: names
 /// that are left out (patterns; null for none); `control`, `control_cmp`: when it runs (see
 /// `copy_do`); `empty_setting`: a setting whose reference in `source` was replaced by nothing;
-/// `cut`: one of these may not be whole, for the line was too long.
+/// `cut`: one of these may not be whole, for the line was too long; `line`: where it stands in the
+/// file, from 1.
 struct copy_cmd {
   Text source;
   Text dest;
@@ -48,8 +52,55 @@ struct copy_cmd {
   CType type = static_cast<CType>(0);
   Text empty_setting;
   bool cut = false;
+  std::size_t line = 0;
 };
 using CCmd = copy_cmd;
+
+/// What an operand of a command means. `Pattern`: a directory and a pattern for its entries;
+/// `Bounded`: the same of a command that changes or removes what it finds, and therefore refuses
+/// emptied settings and all of the root directory; `Directories`: a directory and a pattern for the
+/// directories in it; `Value`: a setting, or the text itself when it has no value; `Decision`: a
+/// setting that says yes or no; `Result`: a setting that is set.
+enum class Operand {
+  Pattern,
+  Bounded,
+  Path,
+  Directories,
+  Exclusions,
+  Owner,
+  Mode,
+  Value,
+  Decision,
+  Result,
+};
+
+/// A field that a command line must have. `name`: in the debug log; `missing`: the error when it is
+/// not there.
+struct CopySlot {
+  Text copy_cmd::*field;
+  const char *name;
+  const char *missing;
+  Operand operand;
+};
+
+struct copy;
+
+/// All about one keyword: its fields in the order of the line, and the function that runs it (see
+/// below). `Error` takes the rest of its line as `dest`; all others may end with a control and a
+/// comparison.
+struct CopyCommand {
+  const char *word;
+  CType type;
+  std::span<const CopySlot> slots;
+  int (*run)(copy *x, std::uint32_t index, std::uint64_t *bytes);
+};
+
+/// All keywords; they are compared without case.
+[[nodiscard]] std::span<const CopyCommand> copy_commands();
+/// The row of a type; for a type of no keyword one without word whose command fails.
+[[nodiscard]] const CopyCommand &copy_command(CType type);
+/// What the field `source` of such a command means.
+[[nodiscard]] Operand source_operand(const CopyCommand &command);
 
 /// A loaded section: the commands in file order, and the store (not owned).
 struct copy {
@@ -68,11 +119,16 @@ using pCopy = copy *;
 void copy_free(pCopy *x);
 /// Installs the progress callbacks of the file operations, for the whole process.
 void copy_setup(pCopy x, FileCallback xok, FileCallback xfail);
-/// Reads the section (named without case) into the empty script `x`. A line that lacks a field is
-/// logged and dropped; an unknown keyword is logged and kept as type 0; a command of which
-/// a word may be cut is kept and fails. 1; 0 for a null argument, a
-/// missing section, or (logged) a file that cannot be read.
-[[nodiscard]] int copy_load(pCopy x, const char *file, const char *section);
+/// Reads the section (named without case) into the empty script `x`. `faults` takes what is wrong
+/// with it: a line that lacks a field is dropped; an unknown keyword is kept as type 0; a command
+/// of which a word may be cut is kept and fails. 1; 0 for a null argument, a missing section (no
+/// fault), or a file that cannot be read.
+[[nodiscard]] int copy_load(pCopy x, const char *file, const char *section,
+                            const Faults &faults = log_fault);
+/// What continues a comment of a script is a comment.
+inline constexpr LineRules CopyLines = {.joined_comments = true};
+/// Appends the commands of the section that `lines` has entered.
+void copy_read(pCopy x, Lines &lines, const Faults &faults);
 
 // ---- Look-up: null or 0 for a null script or an index out of range ----
 

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <new>
-#include <span>
 #include <string>
 
 namespace installer {
@@ -16,13 +15,13 @@ constexpr std::size_t OperandSize = 1000;
 
 Text last_error;
 
-/// An operand split into a directory and a pattern.
-struct Operand {
+/// An operand that was split into a directory and a pattern.
+struct Operands {
   char path[PathSize];
   char file[PathSize];
 };
 
-/// False, logged, when a part of the operand was cut on its way into an `Operand`.
+/// False, logged, when a part of the operand was cut on its way into `Operands`.
 bool fits(const char *operand) {
   const char *separator = last_separator(operand);
   const char *pattern = separator != nullptr ? separator + 1 : operand;
@@ -33,17 +32,13 @@ bool fits(const char *operand) {
   return false;
 }
 
-bool split_source(pCopy x, std::uint32_t index, Operand &source) {
+/// False, logged: the operand does not fit, or it reaches further than the packager can have meant.
+bool split_source(pCopy x, std::uint32_t index, Operands &source) {
   if (copy_src_path(x, index, source.path, sizeof source.path) == nullptr) return false;
   copy_src_file(x, index, source.file, sizeof source.file);
-  return fits(copy_src(x, index));
-}
-
-/// Splits the source of a command that changes or removes what it finds. False, logged: it does not
-/// fit, or it reaches further than the packager can have meant.
-bool split_bounded_source(pCopy x, std::uint32_t index, Operand &source) {
-  if (!split_source(x, index, source)) return false;
+  if (!fits(copy_src(x, index))) return false;
   const CCmd &command = x->list[index];
+  if (source_operand(copy_command(command.type)) != Operand::Bounded) return true;
   if (command.empty_setting) {
     cerror("Setting '%s' is empty, nothing done for '%s'", text_of(command.empty_setting),
            copy_src(x, index));
@@ -65,7 +60,7 @@ bool excluded(File entry, const char *exclude) {
 /// The directories that match the destination; empty also when it has no pattern.
 std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
   std::vector<std::string> found;
-  Operand dest;
+  Operands dest;
   if (copy_dst_path(x, index, dest.path, sizeof dest.path) == nullptr) return found;
   if (copy_dst_file(x, index, dest.file, sizeof dest.file) == nullptr) return found;
   if (!fits(copy_dst(x, index))) return found;
@@ -74,7 +69,7 @@ std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
   return found;
 }
 
-int copy_into(pCopy x, std::uint32_t index, const Operand &source, const char *into,
+int copy_into(pCopy x, std::uint32_t index, const Operands &source, const char *into,
               std::uint64_t *bytes) {
   const char *exclude = copy_not(x, index);
   const bool trees = x->list[index].type == CType::CpyDir;
@@ -164,42 +159,12 @@ int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
 
 // ---- Running ----
 
-template <auto operation> int without_bytes(pCopy x, std::uint32_t index, std::uint64_t *) {
-  return operation(x, index);
-}
-
-struct Command {
-  CType type;
-  int (*run)(pCopy x, std::uint32_t index, std::uint64_t *bytes);
-};
-constexpr Command commands[] = {
-    {CType::CpyFile, copy_files                   },
-    {CType::CpyDir,  copy_files                   },
-    {CType::MkDir,   without_bytes<copy_mkdir>    },
-    {CType::CpyIni,  without_bytes<copy_write_ini>},
-    {CType::Rename,  without_bytes<copy_rename>   },
-    {CType::RmFile,  without_bytes<copy_remove>   },
-    {CType::RmDir,   without_bytes<copy_remove>   },
-    {CType::Exist,   without_bytes<copy_exist>    },
-    {CType::Chown,   without_bytes<copy_chown>    },
-    {CType::Chmod,   without_bytes<copy_chmod>    },
-    {CType::Error,   without_bytes<copy_seterror> },
-    {CType::WFile,   without_bytes<copy_wfile>    },
-    {CType::RFile,   without_bytes<copy_rfile>    },
-};
-
 bool gate_open(pCopy x, std::uint32_t index) {
+  // Both are looked up, whatever the first gives: a look-up decides where the next value goes.
   const char *control = ini_value_name(x->ini, copy_control(x, index));
-  if (control == nullptr) return true;
   const char *compare = ini_value_or_text(x->ini, copy_control_cmp(x, index));
+  if (control == nullptr) return true;
   return compare != nullptr ? s_stricmp(compare, control) == 0 : istrue(control) != 0;
-}
-
-int run_command(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
-  for (const Command &command : commands)
-    if (command.type == x->list[index].type) return command.run(x, index, bytes);
-  cerror("How did we get here!");
-  return 0;
 }
 
 int out_of_memory(pCopy x, std::uint32_t index) {
@@ -244,14 +209,14 @@ int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
     return -1;
   }
   try {
-    return run_command(x, index, bytes);
+    return copy_command(x->list[index].type).run(x, index, bytes);
   } catch (const std::bad_alloc &) {
     return out_of_memory(x, index);
   }
 }
 
 int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
-  Operand source;
+  Operands source;
   if (!split_source(x, index, source)) return 0;
   const std::vector<std::string> destinations = find_destinations(x, index);
   if (destinations.empty()) {
@@ -267,8 +232,8 @@ int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
 }
 
 int copy_remove(pCopy x, std::uint32_t index) {
-  Operand source;
-  if (!split_bounded_source(x, index, source)) return 0;
+  Operands source;
+  if (!split_source(x, index, source)) return 0;
   const char *exclude = copy_not(x, index);
   const bool trees = x->list[index].type == CType::RmDir;
   int count = 0;
@@ -283,8 +248,8 @@ int copy_remove(pCopy x, std::uint32_t index) {
 int copy_mkdir(pCopy x, std::uint32_t index) { return file_mkdir(copy_src(x, index), 1); }
 
 int copy_chown(pCopy x, std::uint32_t index) {
-  Operand source;
-  if (!split_bounded_source(x, index, source)) return 0;
+  Operands source;
+  if (!split_source(x, index, source)) return 0;
   char owner[OperandSize] = "";
   ini_replace(x->ini, copy_dst(x, index), owner, sizeof owner - 1);
   char *colon = std::strchr(owner, ':');
@@ -298,8 +263,8 @@ int copy_chown(pCopy x, std::uint32_t index) {
 }
 
 int copy_chmod(pCopy x, std::uint32_t index) {
-  Operand source;
-  if (!split_bounded_source(x, index, source)) return 0;
+  Operands source;
+  if (!split_source(x, index, source)) return 0;
   char digits[OperandSize];
   scpy(digits, copy_dst(x, index), sizeof digits);
   std::uint32_t mode = 0;

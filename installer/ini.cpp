@@ -19,37 +19,29 @@ constexpr std::size_t OpenerLength = 2;
 
 std::size_t at(std::int32_t index) { return static_cast<std::size_t>(index); }
 
-enum class Case { Same, Any };
+/// The value behind a key of an index, or -1.
+template <class Index> std::int32_t find_in(const Index &index, const char *name) {
+  const auto found = index.find(name);
+  return found != index.end() ? found->second : -1;
+}
 
 /// The first setting of that name, or -1.
-std::int32_t find_setting(Ini x, const char *name, Case letters = Case::Same) {
-  std::int32_t first = -1;
-  const auto [begin, end] = x->index.equal_range(std::string_view{name});
-  for (auto it = begin; it != end; ++it) {
-    if (letters == Case::Same && it->first != name) continue;
-    if (first < 0 || it->second < first) first = it->second;
-  }
-  return first;
-}
+std::int32_t find_setting(Ini x, const char *name) { return find_in(x->index, name); }
 
 /// The value list takes the copy over.
 void insert_value(Linklist<std::string> values, std::unique_ptr<std::string> copy) {
   if (list_add(values, copy.get()) != 0) static_cast<void>(copy.release());
 }
 
-/// Appends the item of the next setting to the store's data, and its name to the index; false when
-/// memory is out.
+/// Appends the item of the next setting to the store's data, and its name to the indexes unless an
+/// earlier setting has it; false when memory is out.
 bool add_item(Ini x, const char *name, const char *value) {
   auto item = std::make_unique<Item>();
   if (value != nullptr) insert_value(item->values, std::make_unique<std::string>(value));
-  // A later setting of the same name is never looked up.
-  const bool known = find_setting(x, name) >= 0;
-  const auto indexed = known ? x->index.end() : x->index.emplace(name, x->items);
-  if (array_add(x->data, item.get()) == 0) {
-    if (!known) x->index.erase(indexed);
-    return false;
-  }
+  if (array_add(x->data, item.get()) == 0) return false;
   static_cast<void>(item.release());
+  x->index.emplace(name, x->items);
+  x->folded_index.emplace(name, x->items);
   return true;
 }
 
@@ -136,19 +128,86 @@ const char *replacement(Ini x, std::int32_t index) {
   return has(x->list[at(index)].mode, Ini_Replace) ? ini_value(x, index) : nullptr;
 }
 
+// ---- Where references lead ----
+
+/// The setting that the reference at `opener` is replaced by, or -1: unknown or not closed.
+std::int32_t referred(Ini x, const Reference &reference) {
+  const bool fits = std::strlen(reference.name) + OpenerLength + 1 < LineSize;
+  return reference.closed && fits ? find_in(x->folded_index, reference.name) : -1;
+}
+
+/// The settings whose references cannot be followed to their end. Built by a walk in depth that
+/// keeps its own stack, for there may be as many settings in a row as the file has lines.
+class Endless {
+public:
+  explicit Endless(Ini x) : x_(x), depth_(at(x->items), Unknown) {
+    for (std::int32_t i = 0; i < x->items; ++i) walk(i);
+  }
+  /// True when references to the setting stay as they are.
+  [[nodiscard]] bool contains(std::int32_t index) const { return depth_[at(index)] > MostRewrites; }
+
+private:
+  static constexpr int Unknown = -1, Open = -2, Never = MostRewrites + 1;
+  struct Step {
+    std::int32_t index;
+    const char *upto;
+  };
+
+  void push(std::int32_t index) {
+    depth_[at(index)] = Open;
+    depths_.push_back(0);
+    const char *value = replacement(x_, index);
+    steps_.push_back({index, or_empty(value)});
+  }
+  void count(int depth) { depths_.back() = std::min(std::max(depths_.back(), depth + 1), Never); }
+  void pop() {
+    const int depth = depths_.back();
+    depth_[at(steps_.back().index)] = depth;
+    steps_.pop_back();
+    depths_.pop_back();
+    if (!depths_.empty()) count(depth);
+  }
+  /// A setting that is met while it is open is part of a circle, and so is all between.
+  void visit(std::int32_t index) {
+    const int known = depth_[at(index)];
+    if (known == Unknown) push(index);
+    else count(known == Open ? Never : known);
+  }
+  void walk(std::int32_t first) {
+    if (depth_[at(first)] == Unknown) push(first);
+    while (!steps_.empty()) {
+      const char *opener = std::strstr(steps_.back().upto, Opener);
+      if (opener == nullptr) {
+        pop();
+        continue;
+      }
+      steps_.back().upto = opener + 1;
+      const std::int32_t index = referred(x_, read_reference(opener));
+      if (index >= 0) visit(index);
+    }
+  }
+
+  Ini x_;
+  std::vector<int> depth_; // the longest way over other settings; above the limit: endless
+  std::vector<Step> steps_;
+  std::vector<int> depths_;
+};
+
 enum class Rewrite { Done, Changed, Stuck };
 
 /// Replaces the first reference in `value` that can be resolved, everywhere it stands.
-Rewrite rewrite_once(Ini x, std::string &value) {
+Rewrite rewrite_once(Ini x, const Endless &endless, std::string &value) {
+  Rewrite outcome = Rewrite::Done;
   const char *upto = value.c_str();
   while ((upto = std::strstr(upto, Opener)) != nullptr) {
-    const Reference reference = read_reference(upto);
-    const std::int32_t index = find_setting(x, reference.name, Case::Any);
-    const std::string pattern = Opener + std::string{reference.name} + ")";
-    if (index < 0 || !reference.closed || pattern.size() >= LineSize) {
-      ++upto;
+    const Reference reference = read_reference(upto++);
+    const std::int32_t index = referred(x, reference);
+    if (index < 0) continue;
+    if (endless.contains(index)) {
+      outcome = Rewrite::Stuck;
       continue;
     }
+    const std::string pattern = Opener + std::string{reference.name} + ")";
     const char *with = replacement(x, index);
     char rewritten[LineSize];
     sreplace(value.c_str(), pattern.c_str(), with, rewritten, sizeof rewritten);
@@ -157,16 +216,23 @@ Rewrite rewrite_once(Ini x, std::string &value) {
     value = rewritten;
     return Rewrite::Changed;
   }
-  return Rewrite::Done;
+  return outcome;
 }
 
-void resolve(Ini x, std::int32_t index, std::string &value) {
+void resolve(Ini x, const Endless &endless, std::int32_t index, std::string &value,
+             const Faults &faults) {
   Rewrite outcome = Rewrite::Changed;
   for (int count = 0; outcome == Rewrite::Changed; ++count)
-    outcome = count < MostRewrites ? rewrite_once(x, value) : Rewrite::Stuck;
-  if (outcome == Rewrite::Stuck)
-    emsg("Setting '%s' is not resolved any further, its value stays '%s'",
-         text_of(x->list[at(index)].setting), value.c_str());
+    outcome = count < MostRewrites ? rewrite_once(x, endless, value) : Rewrite::Stuck;
+  if (outcome != Rewrite::Stuck) return;
+  const SettingList &entry = x->list[at(index)];
+  faults({Severity::Error,
+          FaultKind::Circle,
+          {},
+          entry.line,
+          "Setting '" + *entry.setting + "' is not resolved any further, its value stays '" +
+              value + "'",
+          *entry.setting});
 }
 
 } // namespace
@@ -196,8 +262,10 @@ void ini_setup(Ini x, const SettingList *list, const void * /*assoc*/, int use_d
   for (std::int32_t i = 0; i < count; ++i) {
     x->list[at(i)].setting = list[i].setting;
     x->list[at(i)].mode = list[i].mode;
+    x->list[at(i)].line = list[i].line;
     const char *value = use_dflts != 0 ? text_of(list[i].dflt) : nullptr;
-    if (!add_item(x, list[i].setting->c_str(), value)) break;
+    // A store that lacks some of its settings must not be worked with.
+    if (!add_item(x, list[i].setting->c_str(), value)) throw std::bad_alloc{};
     dmsg("Ini setting '%s' setup", text_of(list[i].setting));
     ++x->items;
   }
@@ -255,12 +323,13 @@ int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz) 
   return fits ? 1 : 0;
 }
 
-int ini_process(Ini x) {
+int ini_process(Ini x, const Faults &faults) {
   if (x == nullptr || x->list.empty()) return 0;
   dmsg("Processing replacable settings...");
+  const Endless endless{x};
   for (std::int32_t i = 0; i < x->items; ++i) {
     for (auto *value = x->data->slot(i)->values->root->next; value != nullptr; value = value->next)
-      resolve(x, i, *value->data);
+      resolve(x, endless, i, *value->data, faults);
   }
   dmsg("Finished processing replacable settings");
   return 1;

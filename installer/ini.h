@@ -12,6 +12,7 @@
 #include "installer/array.h"
 #include "installer/lib.h"
 #include "installer/linklist.h"
+#include "installer/log.h"
 
 #include <cstdint>
 #include <string>
@@ -24,7 +25,8 @@ namespace installer {
 /// Rules of a store as a whole. `Ini_UseEmpty`: an empty value is refused unless the setting has
 /// `Ini_Empty`; `Ini_UseFixed`: a setting with `Ini_Fixed` refuses every value; `Ini_UseMulti`: a
 /// setting without `Ini_Multi` holds one value; `Ini_UseNew`: an unknown name makes a new setting;
-/// `Ini_New...`: the flag that a new setting gets. No rule depends on the others.
+/// `Ini_New...`: the flag that a new setting gets. The others, `Ini_UseLock`, `Ini_UsePass`,
+/// `Ini_UsePath` and `Ini_UseReplace`, have no effect.
 enum IniMode : std::uint32_t {
   Ini_Blank = 0x0,
   Ini_UseLock = 0x1,
@@ -45,8 +47,8 @@ enum IniMode : std::uint32_t {
 };
 
 /// Flags of one setting. `Ini_Multi`: additions accumulate; `Ini_Replace`: its value may stand in
-/// for references during `ini_process`; `Ini_Empty`: accepts empty values; `Ini_Fixed`: refuses
-/// additions.
+/// for references during `ini_process`; `Ini_Empty`: accepts empty values; `Ini_Fixed`, of which
+/// `Ini_Lock` is another name: refuses additions. The others have no effect.
 enum SettingMode : std::uint32_t {
   Ini_None = 0x0,
   Ini_Multi = 0x1,
@@ -63,11 +65,13 @@ constexpr SettingMode operator|(SettingMode a, SettingMode b) {
 }
 
 /// One entry of a settings table. A null `setting` ends the table; `dflt` is the default that
-/// `ini_setup` reads, always null in the store's own table.
+/// `ini_setup` reads, always null in the store's own table; `line`: where it stands in the data
+/// file, from 1, or 0.
 struct setting_list {
   Text setting;
   Text dflt;
   SettingMode mode = Ini_None;
+  std::size_t line = 0;
 };
 using SettingList = setting_list;
 
@@ -93,7 +97,7 @@ struct FoldedName {
 /// `list`: the table, in order of creation, with its end entry; empty until `ini_setup`. `items`:
 /// number of settings. `size`: capacity of the table in entries, the end entry included; it grows
 /// by 5. `data`: one item per setting at the same index, owned. `index`: where the first setting
-/// of each name stands in the table; names that differ only in case are equal keys.
+/// of each name stands in the table; `folded_index`: the same for names without regard to case.
 struct ini {
   ini() = default;
   ini(const ini &) = delete;
@@ -105,7 +109,8 @@ struct ini {
   std::int32_t items = 0;
   std::int32_t size = 0;
   Array<Item> data = array_init<Item>();
-  std::unordered_multimap<std::string, std::int32_t, FoldedName, FoldedName> index;
+  std::unordered_map<std::string, std::int32_t> index;
+  std::unordered_map<std::string, std::int32_t, FoldedName, FoldedName> folded_index;
 };
 using Ini = ini *;
 
@@ -142,9 +147,10 @@ void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz);
 [[nodiscard]] int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz);
 /// Rewrites the stored values: each reference to a setting (compared without case) is replaced by
 /// its value if it has `Ini_Replace`, else by nothing, and the value is examined again from its
-/// start. Unknown and unclosed references stay. Values are cut at 999 characters. A value that
-/// leads back to itself is left, with an error line, once it no longer changes or after 1000
-/// rewrites. 1; 0 when `x` or its table is null.
-int ini_process(Ini x);
+/// start. Unknown and unclosed references stay. Values are cut at 999 characters. References that
+/// lead into a circle, or over more than 1000 settings, stay as well, with a fault for each value
+/// that holds one; so does what still changes after 1000 rewrites. 1; 0 when `x` or its table is
+/// null.
+int ini_process(Ini x, const Faults &faults = log_fault);
 
 } // namespace installer

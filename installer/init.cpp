@@ -13,41 +13,41 @@ namespace {
 
 Text last_error;
 
-void log_failure(const char *doing, const char *path) {
-  emsg("Failed to %s (%s), %s", doing, path, std::strerror(errno));
-}
-
 void set_setting(Ini ini, const std::string &setting, const char *value) {
   ini_add_name(ini, setting.c_str(), value);
 }
 
-void run_exist(Ini ini, const init_item &item, const char *path) {
+/// A path that does not fit arrives empty: nothing is there.
+Cause run_exist(Ini ini, const init_item &item, const char *path) {
   set_setting(ini, item.b, file_exist(path) != 0 ? "true" : "false");
+  return {};
 }
 
-void run_copy(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_copy(Ini ini, const init_item &item, const char * /*path*/) {
   set_setting(ini, item.a, ini_value_or_text(ini, item.b.c_str()));
+  return {};
 }
 
-void run_http(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_http(Ini ini, const init_item &item, const char * /*path*/) {
   char value[LineSize] = "";
   char message[LineSize] = "";
   const auto wanted = [&](IItemMode mode) { return item.mode == mode ? value : nullptr; };
   if (init_find_http_conf(wanted(IHTTP_User), wanted(IHTTP_Group), wanted(IHTTP_Root),
                           wanted(IHTTP_Scripts), message) != 0) {
     set_setting(ini, item.a, value);
-    return;
+    return {};
   }
   std::printf("ERROR: %s\n", message);
   set_setting(ini, item.b, "true");
+  return {};
 }
 
-void run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
+Cause run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
   const std::time_t now = std::time(nullptr);
   const char *format = ini_value_name(ini, item.a.c_str());
   if (format == nullptr) {
     emsg("TimeDate '%s' is NULL", item.a.c_str());
-    return;
+    return {};
   }
   struct ::tm local = {};
   char text[LineSize];
@@ -57,66 +57,70 @@ void run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
                     std::strftime(text, sizeof text, format, &local) > 0;
 #pragma GCC diagnostic pop
   set_setting(ini, item.b, fits ? text : "");
+  return {};
 }
 
-void run_wfile(Ini ini, const init_item &item, const char *path) {
-  if (write_text(path, ini_value_or_text(ini, item.b.c_str())) == 0) log_failure("write", path);
+Cause run_wfile(Ini ini, const init_item &item, const char *path) {
+  const bool written = write_text(path, ini_value_or_text(ini, item.b.c_str())) != 0;
+  return written ? Cause{} : last_cause();
 }
 
-void run_rfile(Ini ini, const init_item &item, const char *path) {
+Cause run_rfile(Ini ini, const init_item &item, const char *path) {
   std::string text;
-  if (read_text(path, text) == 0) log_failure("read", path);
-  else if (!text.empty()) set_setting(ini, item.b, text.c_str());
+  if (read_text(path, text) == 0) return last_cause();
+  if (!text.empty()) set_setting(ini, item.b, text.c_str());
+  return {};
 }
 
-/// `doing`: what the command does with the path in `a`, for its error line; null when `a` is none.
-struct Command {
-  const char *word;
-  IItemMode mode;
-  const char *doing;
-  void (*run)(Ini ini, const init_item &item, const char *path);
-};
-constexpr Command commands[] = {
-    {"Exist",        IExist,        "test",  run_exist    },
-    {"Copy",         ICopy,         nullptr, run_copy     },
-    {"HTTP_User",    IHTTP_User,    nullptr, run_http     },
-    {"HTTP_Group",   IHTTP_Group,   nullptr, run_http     },
-    {"HTTP_Root",    IHTTP_Root,    nullptr, run_http     },
-    {"HTTP_Scripts", IHTTP_Scripts, nullptr, run_http     },
-    {"TimeDate",     ITimeDate,     nullptr, run_time_date},
-    {"WFile",        IWFile,        "write", run_wfile    },
-    {"RFile",        IRFile,        "read",  run_rfile    },
+using enum InitOperand;
+constexpr InitCommand commands[] = {
+    {"Exist",        IExist,        Path,   Result,  "test",  run_exist    },
+    {"Copy",         ICopy,         Result, Value,   nullptr, run_copy     },
+    {"HTTP_User",    IHTTP_User,    Result, Missing, nullptr, run_http     },
+    {"HTTP_Group",   IHTTP_Group,   Result, Missing, nullptr, run_http     },
+    {"HTTP_Root",    IHTTP_Root,    Result, Missing, nullptr, run_http     },
+    {"HTTP_Scripts", IHTTP_Scripts, Result, Missing, nullptr, run_http     },
+    {"TimeDate",     ITimeDate,     Format, Result,  nullptr, run_time_date},
+    {"WFile",        IWFile,        Path,   Value,   "write", run_wfile    },
+    {"RFile",        IRFile,        Path,   Result,  "read",  run_rfile    },
 };
 
-const Command *find_mode(IItemMode mode) {
-  for (const Command &command : commands)
+const InitCommand *find_mode(IItemMode mode) {
+  for (const InitCommand &command : commands)
     if (command.mode == mode) return &command;
   return nullptr;
 }
 
 Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
 
-void load_item(Init x, char *line, const Lines &lines) {
-  const char *word = next_word(&line);
-  if (word == nullptr) return;
-  const Command *command = find_word(commands, word, s_strcmp);
-  if (command == nullptr) {
-    emsg("Unknown init command '%s'", word);
-    return;
-  }
+void add_item(Init x, init_item item) {
+  auto owned = std::make_unique<init_item>(std::move(item));
+  // A script that lacks some of its items must not run.
+  if (array_add(x->list, owned.get()) == 0) throw std::bad_alloc{};
+  static_cast<void>(owned.release());
+}
+
+void load_item(Init x, char *line, const Lines &lines, const Faults &faults) {
+  const auto tell = [&](Severity severity, FaultKind kind, const std::string &text,
+                        const char *word) { faults(lines.fault(severity, kind, text, word)); };
+  const std::string word = or_empty(next_word(&line));
+  const InitCommand *command = find_word(commands, word.c_str(), s_strcmp);
+  if (command == nullptr)
+    return tell(Severity::Error, FaultKind::UnknownKeyword, "Unknown init command '" + word + "'",
+                word.c_str());
   const char *a = next_word(&line);
   const char *b = next_word(&line);
   const char *control = next_word(&line);
   const char *compare = next_word(&line);
   // Words behind the last argument may be cut.
-  if (lines.continued() || (lines.cut() && *line == '\0')) {
-    emsg("Line too long, nothing done for '%s %s'", word, or_empty(a));
-    return;
-  }
-  if (compare == nullptr) return;
-  auto item = std::make_unique<init_item>(
-      init_item{a, b, word_or_none(compare), word_or_none(control), command->mode});
-  if (array_add(x->list, item.get()) != 0) static_cast<void>(item.release());
+  if (lines.continued() || (lines.cut() && *line == '\0'))
+    return tell(Severity::Error, FaultKind::Cut,
+                "Line too long, nothing done for '" + word + " " + or_empty(a) + "'", nullptr);
+  if (compare == nullptr)
+    return tell(Severity::Remark, FaultKind::MissingWord, "Too few words", nullptr);
+  if (const char *surplus = next_word(&line))
+    tell(Severity::Remark, FaultKind::Surplus, "Words that are never read", surplus);
+  add_item(x, {a, b, word_or_none(compare), word_or_none(control), command->mode, lines.number()});
 }
 
 bool gate_open(Ini ini, const init_item &item) {
@@ -124,38 +128,72 @@ bool gate_open(Ini ini, const init_item &item) {
   return s_strcmp(text_of(item.compare), ini_value_or_text(ini, text_of(item.control))) == 0;
 }
 
-void run_item(Ini ini, const init_item &item) {
-  const Command *command = find_mode(item.mode);
+/// The fault of an item that could not do what it does with a path.
+Fault failed(const init_s &script, const init_item &item, const InitCommand &command,
+             const char *path, const Cause &cause) {
+  const std::string doing = command.doing;
+  const std::string text = "Failed to " + doing + " (" + path + "), " + cause_text(cause);
+  return {
+      Severity::Error,
+      FaultKind::Failed,
+      script.file,
+      item.line,
+      text,
+      command.word,
+      {"cannot " + doing, path, cause}
+  };
+}
+
+void run_item(const init_s &script, const init_item &item, Ini ini, const Faults &faults) {
+  const InitCommand *command = find_mode(item.mode);
   if (command == nullptr || !gate_open(ini, item)) return;
   char path[PathSize] = "";
-  if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0)
-    log_failure(command->doing, item.a.c_str());
-  else command->run(ini, item, path);
+  if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0) {
+    faults(failed(script, item, *command, item.a.c_str(), last_cause()));
+    if (item.mode != IExist) return;
+  }
+  if (const Cause cause = command->run(ini, item, path))
+    faults(failed(script, item, *command, path, cause));
 }
 
 } // namespace
+
+std::span<const InitCommand> init_commands() { return commands; }
 
 Init init_init() { return new init_s; }
 
 void init_free(Init *x) { drop(x); }
 
-int init_load(Init x, const char *file) {
+int init_load(Init x, const char *file, const Faults &faults) {
   if (x == nullptr || file == nullptr) return 0;
-  Lines lines{file};
-  if (lines)
-    for (char *line : lines) load_item(x, line, lines);
-  if (lines && !lines.failed()) return 1;
-  init_seterror("Failed to read '%s', %s", file, std::strerror(errno));
+  x->file = file;
+  Lines lines{file, faults, InitLines};
+  init_read(x, lines, faults);
+  if (!lines.failed()) return 1;
+  const Fault fault = lines.unreadable("Failed to read");
+  if (lines.zero_byte()) faults(fault);
+  init_seterror("%s", fault.text.c_str());
   return 0;
 }
 
-void init_evaluate(Init x, Ini ini) {
+void init_read(Init x, Lines &lines, const Faults &faults) {
+  for (char *line : lines) load_item(x, line, lines, faults);
+}
+
+void init_evaluate(Init x, Ini ini, const Faults &faults) {
   for (IItem item = init_get_num(x, 0); item != nullptr; item = init_get(x)) {
-    errno = 0;
     try {
-      run_item(ini, *item);
+      run_item(*x, *item, ini, faults);
     } catch (const std::bad_alloc &) {
-      emsg("Out of memory in init command for '%s'", item->a.c_str());
+      faults({
+          Severity::Error,
+          FaultKind::Failed,
+          x->file,
+          item->line,
+          "Out of memory in init command for '" + item->a + "'",
+          {        },
+          { "out of memory", item->a, {ENOMEM}}
+      });
     }
   }
 }

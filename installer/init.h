@@ -16,8 +16,11 @@
 #include "installer/array.h"
 #include "installer/ini.h"
 #include "installer/lib.h"
+#include "installer/lines.h"
+#include "installer/log.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace installer {
@@ -45,10 +48,30 @@ struct init_item {
   Text compare;
   Text control;
   IItemMode mode = IExist;
+  std::size_t line = 0;
 };
 using IItem = init_item *;
 
-/// A loaded script: the items in file order, owned.
+/// What an argument of an item means: a path, a setting that is set or one that is read, a setting
+/// that becomes "true" when there is no value, or a setting or else the text itself.
+enum class InitOperand { Path, Result, Format, Missing, Value };
+
+/// All about one keyword: what its arguments `a` and `b` mean, and the function that runs it, to
+/// which a path arrives with its references replaced, and which returns why it failed, if it did.
+/// `doing`: what it does with the path in `a`, for its error line; null when `a` is none.
+struct InitCommand {
+  const char *word;
+  IItemMode mode;
+  InitOperand a;
+  InitOperand b;
+  const char *doing;
+  Cause (*run)(Ini ini, const init_item &item, const char *path);
+};
+
+/// All keywords; they are compared with case.
+[[nodiscard]] std::span<const InitCommand> init_commands();
+
+/// A loaded script: the items in file order, owned, and the path of the file.
 struct init_s {
   init_s() = default;
   init_s(const init_s &) = delete;
@@ -56,6 +79,7 @@ struct init_s {
   ~init_s() { array_free_dealloc(&list); }
 
   Array<init_item> list = array_init<init_item>();
+  std::string file;
 };
 using Init = init_s *;
 
@@ -63,13 +87,17 @@ using Init = init_s *;
 [[nodiscard]] Init init_init();
 /// Releases the script and sets the variable to null. Nothing for a null address or script.
 void init_free(Init *x);
-/// Appends one item per valid line; a line with too few words is dropped, an unknown command is
-/// logged and dropped. 1; 0 for a null argument, or when the file cannot be read: `init_error` then
-/// says why.
-[[nodiscard]] int init_load(Init x, const char *file);
-/// Runs the items in file order on the store. A failed item is logged (a web-server item: printed
-/// on standard output) and never stops the rest.
-void init_evaluate(Init x, Ini ini);
+/// Appends one item per valid line. `faults` takes what is wrong with the others: a line with too
+/// few words is dropped (a remark), an unknown command or a line that may be cut as well (an
+/// error). 1; 0 for a null argument, or when the file cannot be read: `init_error` then says why.
+[[nodiscard]] int init_load(Init x, const char *file, const Faults &faults = log_fault);
+/// What continues a comment of a script is a comment.
+inline constexpr LineRules InitLines = {.joined_comments = true};
+/// Appends the items of the lines to come.
+void init_read(Init x, Lines &lines, const Faults &faults);
+/// Runs the items in file order on the store. `faults` takes those that fail (a web-server item
+/// prints its reason on standard output instead); none stops the rest.
+void init_evaluate(Init x, Ini ini, const Faults &faults = log_fault);
 
 /// The item at `index`, or null; the cursor moves behind it.
 [[nodiscard]] IItem init_get_num(Init x, int index);

@@ -109,7 +109,7 @@ bool read_file(Lines &lines, char *errmsg) {
 bool read_first_file(char *errmsg) {
   for (const char *const *file = http_files; *file != nullptr; ++file) {
     dmsg("Is Httpd conf?[%s]", *file);
-    Lines lines{*file};
+    Lines lines{*file, {}, {.zero_ends_line = true}};
     if (!lines) continue;
     dmsg("Httpd conf is [%s]", *file);
     return read_file(lines, errmsg);

@@ -1,6 +1,5 @@
-#include "installer/installer.h"
-
 #include "installer/front.h"
+
 #include "installer/init.h"
 #include "installer/shared.h"
 
@@ -18,7 +17,6 @@ int automate = 0;
 
 namespace {
 
-using LogOwner = std::unique_ptr<log, Release<log_free>>;
 using IniOwner = std::unique_ptr<ini, Release<ini_free>>;
 using InitOwner = std::unique_ptr<init_s, Release<init_free>>;
 
@@ -79,20 +77,20 @@ constexpr Option options[] = {
 
 // ---- The menu ----
 
-/// A menu choice. `again`: a result that brings the menu back, besides `QUIT`. `once`: it ends the
-/// run whatever its result.
+/// A menu choice, with its number in the menu. `again`: a result that brings the menu back, besides
+/// `QUIT`. `once`: it ends the run whatever its result.
 struct Choice {
   int number;
-  ActionResult (*run)(Ini ini);
+  ActionKind kind;
   ActionResult again;
   bool blurb;
   bool once;
 };
 constexpr Choice choices[] = {
-    {1, install_product, SW_TO_UPGRADE, true,  false},
-    {2, upgrade_product, SW_TO_INSTALL, false, false},
-    {3, remove_product,  QUIT,          false, false},
-    {5, do_special,      QUIT,          false, true },
+    {1, ActionKind::Install, SW_TO_UPGRADE, true,  false},
+    {2, ActionKind::Upgrade, SW_TO_INSTALL, false, false},
+    {3, ActionKind::Remove,  QUIT,          false, false},
+    {5, ActionKind::Special, QUIT,          false, true },
 };
 constexpr int InstallChoice = 1;
 constexpr int UpgradeChoice = 2;
@@ -120,26 +118,26 @@ int ask_choice(Ini ini, int action) {
 }
 
 /// Runs the choice. True: the run is over.
-bool dispatch(Ini ini, int number) {
+bool dispatch(Run &run, int number) {
   if (number == ExitChoice) return true;
   for (const Choice &choice : choices) {
     if (choice.number != number) continue;
-    const ActionResult result = choice.run(ini);
+    const ActionResult result = run_action(run, choice.kind);
     // Unattended, the menu would come back with the same choice for ever.
     if (choice.once || (result == QUIT && automate != 0)) return true;
     if (result == QUIT || result == choice.again) return false;
-    if (choice.blurb) print_blurb(ini);
+    if (choice.blurb) print_blurb(run.ini);
     return true;
   }
   std::printf("That is not a recognised option, please try again\n");
   return false;
 }
 
-void run_menu(Ini ini) {
-  const bool upgrade = s_strcmp(ini_value_name(ini, "action"), "upgrade") == 0;
+void run_menu(Run &run) {
+  const bool upgrade = s_strcmp(ini_value_name(run.ini, "action"), "upgrade") == 0;
   const int action = upgrade ? UpgradeChoice : InstallChoice;
-  print_header(ini);
-  while (!dispatch(ini, ask_choice(ini, action))) {
+  print_header(run.ini);
+  while (!dispatch(run, ask_choice(run.ini, action))) {
   }
 }
 
@@ -149,7 +147,7 @@ void run_menu(Ini ini) {
 bool run_init_script(Ini ini) {
   const InitOwner init_script{init_init()};
   char path[PathSize];
-  if (product_file(".int", path) != 0 && init_load(init_script.get(), path) != 0) {
+  if (product_file(".int", path) && init_load(init_script.get(), path) != 0) {
     init_evaluate(init_script.get(), ini);
     return true;
   }
@@ -157,28 +155,33 @@ bool run_init_script(Ini ini) {
   return false;
 }
 
-bool open_log(Log log) {
+void open_log(Log log) {
   char path[PathSize];
   log_set(log);
-  if (product_file(".log", path) == 0) return false;
+  if (!product_file(".log", path)) return;
   log_open(log, path);
   log_doflush(log, 1);
   imsg("Log file opened in '%s'", path);
-  return true;
 }
 
-void run(unsigned argc, char **argv) {
-  const LogOwner log{log_init(LogDebug)};
-  const IniOwner ini{ini_init()};
-  const bool has_place = open_log(log.get());
-  process_args(log.get(), argv, argc);
+void run_product(Run &run) {
   char path[PathSize];
-  if (!has_place || product_file(".dat", path) == 0) {
+  if (!product_file(".dat", path)) {
     std::printf("Error: The path of the data files is too long\n");
     return;
   }
-  if (load_datfile(ini.get(), path) == 0) return;
-  if (run_init_script(ini.get())) run_menu(ini.get());
+  if (load_datfile(run.ini, path, tell_fault) != 0 && run_init_script(run.ini)) run_menu(run);
+}
+
+void run_program(unsigned argc, char **argv) {
+  const LogOwner log{log_init(LogDebug)};
+  const IniOwner ini{ini_init()};
+  Run run{.log = log.get(), .ini = ini.get()};
+  open_log(run.log);
+  static_cast<void>(within_memory([&] {
+    process_args(run.log, argv, argc);
+    run_product(run);
+  }));
   clear_datfile();
 }
 
@@ -192,13 +195,13 @@ void forget_run() {
 
 } // namespace
 
-int product_file(const char *ext, char (&path)[PathSize]) {
+bool product_file(const char *ext, char (&path)[PathSize]) {
   char directory[PathSize];
   const bool found = currentdir(directory, sizeof directory) != nullptr;
   *path = '\0';
-  if (!found && (errno == ERANGE || errno == ENAMETOOLONG)) return 0;
+  if (!found && (errno == ERANGE || errno == ENAMETOOLONG)) return false;
   const std::string name = or_empty(text_of(myname)) + std::string{ext};
-  return join_path(path, sizeof path, directory, name.c_str());
+  return join_path(path, sizeof path, directory, name.c_str()) != 0;
 }
 
 int main(unsigned argc, char **argv) {
@@ -206,7 +209,7 @@ int main(unsigned argc, char **argv) {
   char name[PathSize] = "";
   exename(name, argc > 0 ? argv[0] : nullptr, sizeof name);
   myname = name;
-  run(argc, argv);
+  run_program(argc, argv);
   const bool attended = automate == 0;
   forget_run();
   if (attended) {

@@ -162,12 +162,18 @@ char *sreplace(const char *source, const char *find, const char *with, char *res
   if (source == nullptr || find == nullptr) return nullptr;
   const std::size_t length = std::strlen(find);
   std::string replaced;
+  // Nothing is built that would be cut.
+  const auto add = [&](const char *text, std::size_t count) {
+    replaced.append(text, ::strnlen(text, std::min(count, bfsz - replaced.size())));
+  };
   while (const char *hit =
              length > 0 && replaced.size() < bfsz ? std::strstr(source, find) : nullptr) {
-    replaced.append(source, hit).append(or_empty(with));
+    add(source, static_cast<std::size_t>(hit - source));
+    add(or_empty(with), bfsz);
     source = hit + length;
   }
-  scpy(result, replaced.append(source).c_str(), bfsz);
+  add(source, bfsz);
+  scpy(result, replaced.c_str(), bfsz);
   return result;
 }
 

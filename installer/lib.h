@@ -1,7 +1,7 @@
 #pragma once
 
 // The shared library: null-tolerant text routines, path routines, wildcards, the bounded
-// formatter, opening of plain files, the reader of line files and the small lifetime helpers that
+// formatter, opening of plain files and the small lifetime helpers that
 // every other module uses. Its only state is whether standard input has ended.
 //
 // Buffers: a `char *buffer` comes with its full size `bfsz`, terminator included. The result stays
@@ -48,6 +48,23 @@ using Text = std::optional<std::string>;
 
 /// `text`, or the empty text for null.
 [[nodiscard]] inline const char *or_empty(const char *text) { return text ? text : ""; }
+
+/// Why something failed: an error number of the system, or words of our own that have one as well.
+/// It is taken where the call failed and travels as a value from there. `words`: of static storage,
+/// null for the system's text. Number 0: there is no cause.
+struct Cause {
+  int number = 0;
+  const char *words = nullptr;
+
+  [[nodiscard]] explicit operator bool() const noexcept { return number != 0; }
+};
+
+/// What the system call that has just failed left in errno.
+[[nodiscard]] inline Cause last_cause() { return {errno}; }
+/// The text of the cause (C's strerror for a number without words). Lasts until the next call.
+[[nodiscard]] const char *cause_text(const Cause &cause);
+/// A text holds no zero byte: what comes behind one would be lost.
+inline constexpr Cause ZeroByte = {EILSEQ, "it holds a zero byte"};
 
 /// Puts errno back to what it was.
 class KeepErrno {
@@ -240,7 +257,8 @@ enum class Allow { Plain, Target };
 [[nodiscard]] int write_text(const char *file, const char *text);
 
 /// C's fgets, but the number of characters read, line end included; 0 at the end or after an error
-/// (C's ferror). More than strlen(`buffer`) when the text holds a zero byte. `bfsz` is at least 2.
+/// (C's ferror). Waits for input also where the descriptor does not. More than strlen(`buffer`)
+/// when the text holds a zero byte. `bfsz` is at least 2.
 [[nodiscard]] std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz);
 
 /// Shows what is pending on standard output and reads one line of standard input, at most `bfsz` -
@@ -248,64 +266,8 @@ enum class Allow { Plain, Target };
 char *read_reply(char *buffer, std::size_t bfsz);
 /// True when the last `read_reply` found the end of standard input, or could not read it.
 [[nodiscard]] bool input_ended();
-
-/// The lines of a text file, read 999 characters at a time (a longer line arrives in pieces),
-/// trimmed, without blank lines and "#" comments. The five data formats are all read through it:
-///
-///     Lines lines{file};
-///     if (!lines) ...                      // errno says why
-///     if (!lines.enter(section)) ...       // only for files with sections
-///     for (char *line : lines) ...         // the line may be changed; it lasts until the next
-///     if (lines.failed()) ...              // the file could not be read to its end
-class Lines {
-public:
-  explicit Lines(const char *file) : stream_(s_fopen(file, "r")) {}
-  [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
-
-  /// Skips to the first header "[section]" (compared without case; the closing bracket counts as
-  /// part of the header only at the end of the line). From then on the next header ends the lines.
-  [[nodiscard]] bool enter(const char *section);
-  /// True when reading ended with an error, which is then put into errno: EILSEQ for a zero byte,
-  /// which no text holds.
-  [[nodiscard]] bool failed() const;
-  /// True when the current line is not the end of the line that it was read from: its last word may
-  /// be cut, and words may be missing.
-  [[nodiscard]] bool cut() const { return cut_; }
-  /// True when the current line is not the beginning of the line that it was read from. It is never
-  /// taken for a header.
-  [[nodiscard]] bool continued() const { return continued_; }
-
-  struct End {};
-  class Iterator {
-  public:
-    explicit Iterator(Lines &lines) : lines_(&lines), line_(lines.next()) {}
-    char *operator*() const { return line_; }
-    Iterator &operator++() {
-      line_ = lines_->next();
-      return *this;
-    }
-    bool operator==(End) const { return line_ == nullptr; }
-
-  private:
-    Lines *lines_;
-    char *line_;
-  };
-  Iterator begin() { return Iterator{*this}; }
-  static End end() { return {}; }
-
-private:
-  char *read();
-  char *next();
-  std::size_t read_buffer();
-  [[nodiscard]] bool is_header(const char *line) const { return *line == '[' && !continued_; }
-
-  Stream stream_;
-  bool in_section_ = false;
-  bool cut_ = false;
-  bool continued_ = false;
-  int failed_ = 0;
-  char buffer_[LineSize] = {};
-};
+/// True when it could not read it, which is never consent.
+[[nodiscard]] bool input_failed();
 
 // ---- Wildcards ---------------------------------------------------------------------------------
 
@@ -341,7 +303,7 @@ struct Message {
   char text[LineSize];
 };
 [[nodiscard, gnu::format(printf, 1, 0)]] Message make_message(const char *format, std::va_list arg);
-/// Appends ", " and the system's text for errno.
-void add_system_text(Message &message);
+/// Appends ", " and the text of the cause; nothing when there is none.
+void add_cause(Message &message, const Cause &cause);
 
 } // namespace installer

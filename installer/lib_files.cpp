@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace installer {
@@ -15,7 +16,26 @@ bool is_null_device(const struct ::stat &info) {
          info.st_rdev == null_device.st_rdev;
 }
 
-bool no_more_replies = false;
+/// What the last look for a reply found.
+enum class Input { Reply, End, Failure };
+Input last_input = Input::Reply;
+
+/// After a read that failed: waits until there is something to read where the stream itself does
+/// not wait, as another program may have left a terminal. False: it failed for good.
+bool wait_for_input(std::FILE *in) {
+  if (std::ferror(in) == 0 || (errno != EAGAIN && errno != EINTR)) return false;
+  struct ::pollfd wanted = {::fileno(in), POLLIN, 0};
+  if (errno == EAGAIN && ::poll(&wanted, 1, -1) < 0 && errno != EINTR) return false;
+  std::clearerr(in);
+  return true;
+}
+
+int next_character(std::FILE *in) {
+  int c = EOF;
+  do c = ::getc_unlocked(in);
+  while (c == EOF && wait_for_input(in));
+  return c;
+}
 
 struct Mode {
   char letter;
@@ -102,7 +122,7 @@ int write_text(const char *file, const char *text) {
 std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz) {
   std::size_t size = 0;
   for (int c = 0; size + 1 < bfsz && c != '\n'; ++size) {
-    c = ::getc_unlocked(in);
+    c = next_character(in);
     if (c == EOF) break;
     buffer[size] = static_cast<char>(c);
   }
@@ -115,12 +135,16 @@ char *read_reply(char *buffer, std::size_t bfsz) {
     const KeepErrno keep; // a console that is gone is no reason of what is said about the reply
     std::fflush(stdout);
   }
-  no_more_replies = std::fgets(buffer, static_cast<int>(bfsz), stdin) == nullptr;
-  if (no_more_replies) *buffer = '\0';
-  return no_more_replies ? nullptr : buffer;
+  if (std::ferror(stdin) != 0) std::clearerr(stdin); // it is tried anew
+  const bool found = read_piece(stdin, buffer, bfsz) > 0;
+  last_input = std::ferror(stdin) != 0 ? Input::Failure : found ? Input::Reply : Input::End;
+  if (!found) *buffer = '\0';
+  return found ? buffer : nullptr;
 }
 
-bool input_ended() { return no_more_replies; }
+bool input_ended() { return last_input != Input::Reply; }
+
+bool input_failed() { return last_input == Input::Failure; }
 
 bool same_inode(const struct ::stat &a, const struct ::stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -130,51 +154,6 @@ int same_file(const char *a, const char *b) {
   struct ::stat info_a = {};
   struct ::stat info_b = {};
   return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && same_inode(info_a, info_b) ? 1 : 0;
-}
-
-bool Lines::enter(const char *section) {
-  while (char *line = read()) {
-    if (!is_header(line)) continue;
-    const std::size_t length = std::strlen(line);
-    if (line[length - 1] == ']') line[length - 1] = '\0';
-    in_section_ = s_stricmp(line + 1, section) == 0;
-    if (in_section_) return true;
-  }
-  return false;
-}
-
-bool Lines::failed() const {
-  if (failed_ != 0) errno = failed_;
-  return failed_ != 0;
-}
-
-/// Reads up to the end of the line or of the buffer; 0 at the end or after an error.
-std::size_t Lines::read_buffer() {
-  const std::size_t size = stream_ ? read_piece(stream_.get(), buffer_, sizeof buffer_) : 0;
-  continued_ = cut_;
-  cut_ = false;
-  if (size + 1 == sizeof buffer_ && buffer_[size - 1] != '\n') {
-    const int following = std::ungetc(std::getc(stream_.get()), stream_.get());
-    cut_ = following != EOF && following != '\n' && following != '\r';
-  }
-  if (std::strlen(buffer_) < size) failed_ = EILSEQ;
-  else if (stream_ && std::ferror(stream_.get()) != 0) failed_ = errno;
-  return failed_ == 0 ? size : 0;
-}
-
-char *Lines::read() {
-  while (read_buffer() > 0) {
-    char *line = s_strtrm(buffer_);
-    if (*line != '\0' && *line != '#') return line;
-  }
-  return nullptr;
-}
-
-char *Lines::next() {
-  char *line = read();
-  if (line == nullptr || !in_section_ || !is_header(line)) return line;
-  stream_.reset();
-  return nullptr;
 }
 
 } // namespace installer

@@ -219,10 +219,14 @@ Message make_message(const char *format, std::va_list arg) {
   return message;
 }
 
-void add_system_text(Message &message) {
-  const char *system_text = std::strerror(errno);
+void add_cause(Message &message, const Cause &cause) {
+  if (!cause) return;
   const std::size_t used = std::strlen(message.text);
-  lprintf(message.text + used, sizeof message.text - used, ", %s", system_text);
+  lprintf(message.text + used, sizeof message.text - used, ", %s", cause_text(cause));
+}
+
+const char *cause_text(const Cause &cause) {
+  return cause.words != nullptr ? cause.words : std::strerror(cause.number);
 }
 
 } // namespace installer

@@ -29,6 +29,27 @@ std::uint32_t file_size(const char *file) {
   return static_cast<std::uint32_t>(std::min<::off_t>(info.st_size, MostBytes));
 }
 
+/// True for a file that nobody else can have put there to be written to, or to be read: a regular
+/// file with no second name, of the effective user or root, that only its owner can open. One that
+/// others could open is taken from them; where the file system has no modes it must do as it is,
+/// unless others can write to it.
+bool make_private(int fd) {
+  constexpr ::mode_t all = 07777;
+  constexpr ::mode_t others_write = S_IWGRP | S_IWOTH;
+  struct ::stat info = {};
+  if (::fstat(fd, &info) != 0) return false;
+  if (!S_ISREG(info.st_mode)) return true; // the null device
+  if (info.st_nlink != 1 || (info.st_uid != ::geteuid() && info.st_uid != 0)) return false;
+  return (info.st_mode & all) == LogPermissions || ::fchmod(fd, LogPermissions) == 0 ||
+         (info.st_mode & others_write) == 0;
+}
+
+Descriptor open_private(const char *file) {
+  Descriptor fd =
+      open_file(AT_FDCWD, file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions);
+  return fd && make_private(fd.get()) ? std::move(fd) : Descriptor{};
+}
+
 /// The first 20 characters of the asctime form of the local time. Rendered once a second: the
 /// conversion costs more than the rest of a line.
 const char *time_text() {
@@ -87,6 +108,11 @@ void queue_error(const char *text) {
 /// True when the current log takes messages of level `l`; errors it takes unless it is silent.
 bool takes(LogLevel l) { return CurrentLog != nullptr && CurrentLog->Level >= l; }
 
+void log_error(const Message &message) {
+  if (takes(LogError)) log_line(CurrentLog, message.text, LogError);
+  else queue_error(message.text);
+}
+
 } // namespace
 
 Log log_init(LogLevel l) {
@@ -98,11 +124,11 @@ Log log_init(LogLevel l) {
 int log_open(Log x, const char *file) {
   log_close(x);
   x->Size = file_size(file);
-  Descriptor fd =
-      open_file(AT_FDCWD, file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions);
+  Descriptor fd = open_private(file);
   if (fd) x->F.reset(::fdopen(fd.get(), "a"));
   if (!x->F) return 0;
   fd.release();
+  if (std::strcmp(x->File, file) != 0) x->Held = 0;
   scpy(x->File, file, sizeof x->File);
   if (CurrentLog == nullptr) {
     CurrentLog = x;
@@ -170,10 +196,23 @@ void emsg(const char *format, ...) {
   const KeepErrno keep;
   std::va_list arg;
   va_start(arg, format);
-  const Message message = make_message(format, arg);
+  log_error(make_message(format, arg));
   va_end(arg);
-  if (takes(LogError)) log_line(CurrentLog, message.text, LogError);
-  else queue_error(message.text);
+}
+
+void emsg_cause(const Cause &cause, const char *format, ...) {
+  if (format == nullptr) return;
+  const KeepErrno keep;
+  std::va_list arg;
+  va_start(arg, format);
+  Message message = make_message(format, arg);
+  va_end(arg);
+  add_cause(message, cause);
+  log_error(message);
+}
+
+void log_fault(const Fault &fault) {
+  if (fault.severity == Severity::Error) emsg("%s", fault.text.c_str());
 }
 
 void imsg(const char *format, ...) {

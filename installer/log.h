@@ -7,6 +7,7 @@
 // A line reads "Sun Nov 22 10:00:00  [123] Error: text". Errors that come while no log can take
 // them wait in memory until a log becomes current by being opened.
 
+#include "installer/fault.h"
 #include "installer/lib.h"
 
 #include <cstdint>
@@ -35,8 +36,9 @@ using Log = log *;
 
 /// A new closed log for `log_free`. It is not current yet.
 [[nodiscard]] Log log_init(LogLevel l);
-/// Opens `file` for appending; a new file gets mode 0600, for answers stand in it. A place that
-/// holds anything but a regular file or the null device counts as one that cannot be opened.
+/// Opens `file` for appending, with mode 0600, for answers stand in it. It must be the null device,
+/// or a regular file with one name that belongs to the effective user or root; anything else counts
+/// as a file that cannot be opened.
 /// Becomes the current log when there is none, and then writes the waiting errors. 1; 0 when it
 /// cannot be opened, with `File` as it was.
 int log_open(Log x, const char *file);
@@ -45,6 +47,8 @@ void log_close(Log x);
 /// Closes and releases the log. The variable keeps its value, and a current log stays current: free
 /// it after the last message. Nothing for a null address or log.
 void log_free(Log *x);
+/// An owned log.
+using LogOwner = std::unique_ptr<log, Release<log_free>>;
 
 /// Makes `x` (may be null) the current log, without opening it.
 void log_set(Log x);
@@ -67,5 +71,10 @@ void check_emsglog();
 [[gnu::format(printf, 1, 2)]] void emsg(const char *format, ...);
 [[gnu::format(printf, 1, 2)]] void imsg(const char *format, ...);
 [[gnu::format(printf, 1, 2)]] void dmsg(const char *format, ...);
+/// emsg with ", " and the text of the cause behind the message, when there is a cause; the whole is
+/// cut at 999 characters. Every failure of a system call is logged through it.
+[[gnu::format(printf, 2, 3)]] void emsg_cause(const Cause &cause, const char *format, ...);
+/// Logs an error in a product's file, and no remark: the program's own sink for faults.
+void log_fault(const Fault &fault);
 
 } // namespace installer

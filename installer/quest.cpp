@@ -4,7 +4,6 @@
 #include "installer/log.h"
 
 #include <cstring>
-#include <span>
 
 namespace installer {
 
@@ -16,57 +15,83 @@ constexpr std::size_t WrapAt = 79;
 
 Text last_error;
 
+// ---- What is accepted as an answer ----
+
+const char *accept_any(const quest & /*entry*/, char *answer) { return answer; }
+
+const char *accept_existing(const quest &entry, char *answer) {
+  if (file_exist(answer) != 0) return answer;
+  if (has(entry.type, QDir)) quest_seterror("Directory '%s' must exist", answer);
+  else quest_seterror("File '%s' must exist", answer);
+  return nullptr;
+}
+
+const char *accept_empty_directory(const quest & /*entry*/, char *answer) {
+  const Entries entries{answer, "*"};
+  if (!entries && !entries.incomplete()) {
+    errno = 0;
+    return answer;
+  }
+  quest_seterror("Directory '%s' must be empty", answer);
+  return nullptr;
+}
+
+const char *accept_yes_or_no(const quest & /*entry*/, char *answer) {
+  if (istrue(answer) != 0) return "true";
+  if (isfalse(answer) != 0) return "false";
+  quest_seterror("You must answer either Yes or No");
+  return nullptr;
+}
+
+const char *accept_file_name(const quest & /*entry*/, char *answer) {
+  return strip_ext(strip_path(answer));
+}
+
+void drop_trailing_separator(char *answer) {
+  const std::size_t length = std::strlen(answer);
+  if (length > 0 && last_separator(answer) == answer + length - 1) answer[length - 1] = '\0';
+}
+
 // ---- The question file ----
 
-/// A field of a line. `missing`: the error when it is not there. `rest`: it takes all that is left
-/// of the line, with escapes.
-struct Slot {
-  Text quest::*field;
-  const char *missing;
-  bool rest;
+using enum QuestField;
+constexpr QuestSlot general_slots[] = {
+    {&quest::setting,     "Missing setting label",      Word   },
+    {&quest::control,     "Missing control",            Word   },
+    {&quest::control_cmp, "Missing control comparison", Word   },
+    {&quest::help_id,     "Missing Help ID text",       Trimmed},
+    {&quest::text,        "Missing question text",      Rest   },
+};
+constexpr QuestSlot error_slots[] = {
+    {&quest::setting, "Missing setting label", Word   },
+    {&quest::help_id, "Missing Help ID text",  Trimmed},
+    {&quest::text,    "Missing question text", Rest   },
+};
+constexpr QuestSlot exist_slots[] = {
+    {&quest::text,    "Missing setting label", Word},
+    {&quest::setting, "Missing Help ID text",  Word},
+};
+constexpr QuestSlot loop_slots[] = {
+    {&quest::setting, "Missing setting label", Word   },
+    {&quest::text,    "Missing Help ID text",  Trimmed},
 };
 
-constexpr Slot general_slots[] = {
-    {&quest::setting,     "Missing setting label",      false},
-    {&quest::control,     "Missing control",            false},
-    {&quest::control_cmp, "Missing control comparison", false},
-    {&quest::help_id,     "Missing Help ID text",       false},
-    {&quest::text,        "Missing question text",      true },
+constexpr QuestKeyword keywords[] = {
+    {"Text",      QText,      general_slots, accept_any            },
+    {"YN",        QYN,        general_slots, accept_yes_or_no      },
+    {"Dir",       QDir,       general_slots, accept_any            },
+    {"DirExist",  QDirExist,  general_slots, accept_existing       },
+    {"DirEmpty",  QDirEmpty,  general_slots, accept_empty_directory},
+    {"File",      QFile,      general_slots, accept_any            },
+    {"FileExist", QFileExist, general_slots, accept_existing       },
+    {"FileName",  QFileName,  general_slots, accept_file_name      },
+    {"Copy",      QCopy,      general_slots, nullptr               },
+    {"Exist",     QXExist,    exist_slots,   nullptr               },
+    {"Error",     QError,     error_slots,   nullptr               },
+    {"Loop",      QLoop,      loop_slots,    nullptr               },
 };
-constexpr Slot error_slots[] = {
-    {&quest::setting, "Missing setting label", false},
-    {&quest::help_id, "Missing Help ID text",  false},
-    {&quest::text,    "Missing question text", true },
-};
-constexpr Slot exist_slots[] = {
-    {&quest::text,    "Missing setting label", false},
-    {&quest::setting, "Missing Help ID text",  false},
-};
-constexpr Slot loop_slots[] = {
-    {&quest::setting, "Missing setting label", false},
-    {&quest::text,    "Missing Help ID text",  false},
-};
-
-struct Keyword {
-  const char *word;
-  QType type;
-  std::span<const Slot> slots;
-};
-constexpr Keyword keywords[] = {
-    {"Text",      QText,      general_slots},
-    {"YN",        QYN,        general_slots},
-    {"Dir",       QDir,       general_slots},
-    {"DirExist",  QDirExist,  general_slots},
-    {"DirEmpty",  QDirEmpty,  general_slots},
-    {"File",      QFile,      general_slots},
-    {"FileExist", QFileExist, general_slots},
-    {"FileName",  QFileName,  general_slots},
-    {"Copy",      QCopy,      general_slots},
-    {"Exist",     QXExist,    exist_slots  },
-    {"Error",     QError,     error_slots  },
-    {"Loop",      QLoop,      loop_slots   },
-};
-constexpr Keyword unknown_keyword = {nullptr, static_cast<QType>(0), general_slots};
+constexpr QuestKeyword unknown_keyword = {nullptr, static_cast<QType>(0), general_slots,
+                                          accept_any};
 
 char escaped(char c) {
   if (c == 'n') return '\n';
@@ -82,13 +107,11 @@ std::string unescape(const char *text) {
   return result;
 }
 
-bool read_slot(Quest &entry, const Slot &slot, char **line) {
-  const char *value = s_strtrm(slot.rest ? *line : next_word(line));
-  if (value == nullptr || (slot.rest && *value == '\0')) {
-    emsg("%s", slot.missing);
-    return false;
-  }
-  entry.*slot.field = slot.rest ? unescape(value) : std::string{value};
+bool read_slot(Quest &entry, const QuestSlot &slot, char **line) {
+  char *value = slot.taken == Rest ? *line : next_word(line);
+  if (slot.taken != Word) value = s_strtrm(value);
+  if (value == nullptr || (slot.taken == Rest && *value == '\0')) return false;
+  entry.*slot.field = slot.taken == Rest ? unescape(value) : std::string{value};
   return true;
 }
 
@@ -96,38 +119,51 @@ void none_for_dash(Text &text) {
   if (text == "-") text.reset();
 }
 
-void load_line(Questions x, char *line) {
+/// The first slot of the line that lacks its field, or null.
+const QuestSlot *read_slots(Quest &entry, std::span<const QuestSlot> slots, char **line) {
+  for (const QuestSlot &slot : slots)
+    if (!read_slot(entry, slot, line)) return &slot;
+  return nullptr;
+}
+
+void load_line(Questions x, char *line, const Lines &lines, const Faults &faults) {
   const char *word = next_word(&line);
   if (word == nullptr) return;
-  const Keyword *keyword = find_word(keywords, word, s_stricmp);
+  const QuestKeyword *keyword = find_word(keywords, word, s_stricmp);
   if (keyword == nullptr) {
-    emsg("Unknown question type '%s'", word);
+    faults(lines.fault(Severity::Error, FaultKind::UnknownKeyword,
+                       "Unknown question type '" + std::string{word} + "'", word));
     keyword = &unknown_keyword;
   }
   Quest entry;
   entry.type = keyword->type;
-  for (const Slot &slot : keyword->slots)
-    if (!read_slot(entry, slot, &line)) return;
+  entry.line = lines.number();
+  if (const QuestSlot *slot = read_slots(entry, keyword->slots, &line)) {
+    faults(lines.fault(Severity::Error, FaultKind::MissingWord, slot->missing));
+    return;
+  }
+  const char *surplus = keyword->slots.back().taken == Rest ? nullptr : next_word(&line);
+  if (surplus != nullptr)
+    faults(lines.fault(Severity::Remark, FaultKind::Surplus, "Words that are never read", surplus));
   none_for_dash(entry.control);
   none_for_dash(entry.control_cmp);
   x->list.push_back(std::move(entry));
   ++x->count;
 }
 
-bool load_section(Questions x, const char *file, const char *section) {
-  Lines lines{file};
-  if (!lines) {
-    quest_seterror("Error opening '%s'", file);
-    return false;
-  }
-  const bool found = lines.enter(section);
-  if (found)
-    for (char *line : lines) load_line(x, line);
+bool load_section(Questions x, const char *file, const char *section, const Faults &faults) {
+  Lines lines{file, faults};
+  const bool found = lines && lines.enter(section);
+  if (found) quest_read(x, lines, faults);
   if (lines.failed()) {
-    quest_seterror("Error reading '%s'", file);
+    const Fault fault = lines.unreadable(lines ? "Error reading" : "Error opening");
+    faults(fault);
+    last_error = fault.text;
     return false;
   }
-  if (!found) emsg("Section '%s' not found", section);
+  if (!found)
+    faults({Severity::Error, FaultKind::NoSection, file, 0,
+            "Section '" + std::string{section} + "' not found", section});
   return found;
 }
 
@@ -163,42 +199,15 @@ void print_prompt(const char *prompt) {
   std::printf("%s ", prompt);
 }
 
-int store(Questions x, std::uint32_t i, const char *answer) {
-  ini_add_name(x->ini, quest_setting(x, i), answer);
-  return 1;
-}
-
-int answer_must_exist(Questions x, std::uint32_t i, const char *answer) {
-  if (file_exist(answer) != 0) return store(x, i, answer);
-  if (has(quest_type(x, i), QDir)) quest_seterror("Directory '%s' must exist", answer);
-  else quest_seterror("File '%s' must exist", answer);
-  return 0;
-}
-
-int answer_must_be_empty(Questions x, std::uint32_t i, const char *answer) {
-  const Entries entries{answer, "*"};
-  if (!entries && !entries.incomplete()) {
-    errno = 0;
-    return store(x, i, answer);
-  }
-  quest_seterror("Directory '%s' must be empty", answer);
-  return 0;
-}
-
-int answer_yes_or_no(Questions x, std::uint32_t i, const char *answer) {
-  if (istrue(answer) != 0) return store(x, i, "true");
-  if (isfalse(answer) != 0) return store(x, i, "false");
-  quest_seterror("You must answer either Yes or No");
-  return 0;
-}
-
-void drop_trailing_separator(char *answer) {
-  const std::size_t length = std::strlen(answer);
-  if (length > 0 && (answer[length - 1] == '/' || answer[length - 1] == '\\'))
-    answer[length - 1] = '\0';
-}
-
 } // namespace
+
+std::span<const QuestKeyword> quest_keywords() { return keywords; }
+
+const QuestKeyword &quest_keyword(QType type) {
+  for (const QuestKeyword &keyword : keywords)
+    if (keyword.type == type) return keyword;
+  return unknown_keyword;
+}
 
 Questions quest_init(Ini ini) {
   auto *x = new questions;
@@ -208,16 +217,20 @@ Questions quest_init(Ini ini) {
 
 void quest_free(Questions *x) { drop(x); }
 
-int quest_load(Questions x, const char *file, const char *section) {
+int quest_load(Questions x, const char *file, const char *section, const Faults &faults) {
   if (x == nullptr || file == nullptr || section == nullptr) return 0;
   if (x->section && s_stricmp(text_of(x->section), section) == 0) return 1;
   empty(*x);
-  if (!load_section(x, file, section)) {
+  if (!load_section(x, file, section, faults)) {
     empty(*x);
     return 0;
   }
   x->section = section;
   return 1;
+}
+
+void quest_read(Questions x, Lines &lines, const Faults &faults) {
+  for (char *line : lines) load_line(x, line, lines, faults);
 }
 
 void quest_clear(Questions x) {
@@ -276,13 +289,13 @@ int quest_ask(Questions x, std::uint32_t i, char *buf, std::size_t n) {
 
 int quest_answer(Questions x, std::uint32_t i, char *answer) {
   if (i >= quest_count(x) || answer == nullptr) return 0;
-  const QType type = quest_type(x, i);
-  if (has(type, QDir)) drop_trailing_separator(answer);
-  if (has(type, QExist)) return answer_must_exist(x, i, answer);
-  if (type == QDirEmpty) return answer_must_be_empty(x, i, answer);
-  if (has(type, QYN)) return answer_yes_or_no(x, i, answer);
-  if (has(type, QFileName)) strip_ext(strip_path(answer));
-  return store(x, i, answer);
+  const Quest &entry = x->list[i];
+  if (has(entry.type, QDir)) drop_trailing_separator(answer);
+  const auto accept = quest_keyword(entry.type).accept;
+  const char *accepted = accept != nullptr ? accept(entry, answer) : answer;
+  if (accepted == nullptr) return 0;
+  ini_add_name(x->ini, text_of(entry.setting), accepted);
+  return 1;
 }
 
 void quest_seterror(const char *format, ...) {
@@ -291,7 +304,7 @@ void quest_seterror(const char *format, ...) {
   va_start(arg, format);
   Message message = make_message(format, arg);
   va_end(arg);
-  if (errno != 0) add_system_text(message);
+  add_cause(message, last_cause());
   emsg("%s", message.text);
   last_error = message.text;
 }

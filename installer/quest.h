@@ -7,8 +7,11 @@
 
 #include "installer/ini.h"
 #include "installer/lib.h"
+#include "installer/lines.h"
+#include "installer/log.h"
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace installer {
@@ -34,7 +37,8 @@ enum QType : std::uint32_t {
 
 /// One entry. `text`: the question; for `QXExist` the path to test, for `QLoop` the index to go to,
 /// for `QCopy` the setting to copy, for `QError` the message. `setting`: receives the answer.
-/// `control`, `control_cmp`: null for "-". `help_id` is kept, not used.
+/// `control`, `control_cmp`: null for "-". `help_id` is kept, not used. `line`: where it stands in
+/// the file, from 1.
 struct quest {
   Text text;
   Text setting;
@@ -42,8 +46,35 @@ struct quest {
   Text control_cmp;
   Text help_id;
   QType type = static_cast<QType>(0);
+  std::size_t line = 0;
 };
 using Quest = quest;
+
+/// How a field is taken from a line: the next word as it is, or without white space that does not
+/// separate words; or all that is left, trimmed, with its escapes turned into characters.
+enum class QuestField { Word, Trimmed, Rest };
+
+/// A field that a question line must have. `missing`: the error when it is not there.
+struct QuestSlot {
+  Text quest::*field;
+  const char *missing;
+  QuestField taken;
+};
+
+/// All about one keyword: its fields in the order of the line, and what it accepts as an answer.
+/// `accept` may change the answer in place; it returns the text to store, or null after
+/// `quest_seterror`. It is null for entries that are not asked.
+struct QuestKeyword {
+  const char *word;
+  QType type;
+  std::span<const QuestSlot> slots;
+  const char *(*accept)(const quest &entry, char *answer);
+};
+
+/// All keywords; they are compared without case.
+[[nodiscard]] std::span<const QuestKeyword> quest_keywords();
+/// The row of a type; for a type of no keyword one without word that is asked like a `Text`.
+[[nodiscard]] const QuestKeyword &quest_keyword(QType type);
 
 /// A question set. `count`: entries in `list`; `section`: name of the loaded section, else null;
 /// `ini`: the store for defaults and answers, not owned.
@@ -61,10 +92,13 @@ using Questions = questions *;
 /// set.
 void quest_free(Questions *x);
 /// Loads the section (named without case) in place of a loaded one; nothing is read when that very
-/// section is loaded. Faulty lines are logged and skipped; an unknown type is logged and kept as
-/// type 0. 1; 0 for a null argument, a file that cannot be read (`quest_error`) or a missing
-/// section (logged).
-[[nodiscard]] int quest_load(Questions x, const char *file, const char *section);
+/// section is loaded. `faults` takes what is wrong with it: a line that lacks a field is skipped,
+/// an unknown type is kept as type 0. 1; 0 for a null argument, a file that cannot be read
+/// (`quest_error`) or a missing section.
+[[nodiscard]] int quest_load(Questions x, const char *file, const char *section,
+                             const Faults &faults = log_fault);
+/// Appends the entries of the section that `lines` has entered.
+void quest_read(Questions x, Lines &lines, const Faults &faults);
 /// Empties the set.
 void quest_clear(Questions x);
 

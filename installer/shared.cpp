@@ -4,7 +4,6 @@
 #include "installer/tcp.h"
 
 #include <cstring>
-#include <vector>
 
 namespace installer {
 
@@ -13,8 +12,8 @@ namespace {
 /// The bootstrap settings, with an end record; empty while none are loaded.
 std::vector<SettingList> _settings;
 
-void add_record(const char *setting, Text value, SettingMode mode) {
-  _settings.push_back({setting, std::move(value), mode});
+void add_record(const char *setting, const char *value, SettingMode mode) {
+  _settings.push_back({setting, value, mode});
 }
 
 void add_own_settings() {
@@ -34,34 +33,39 @@ void add_own_settings() {
   add_record("action", "install", Ini_None);
 }
 
-void add_line(char *line) {
-  const char *name = next_word(&line);
-  if (name == nullptr) return;
-  const char *value = line + std::strspn(line, " \t");
-  dmsg("Adding '%s'='%s'", name, value);
-  add_record(name, *value != '\0' ? Text{value} : Text{}, Ini_Replace);
-}
-
 } // namespace
 
-int load_datfile(Ini ini, const char *file) {
+int load_datfile(Ini ini, const char *file, const Faults &faults) {
   if (ini == nullptr || file == nullptr) return 0;
-  Lines lines{file};
+  Lines lines{file, faults};
   if (!lines) {
-    emsg("Error opening '%s' for read, %s", file, std::strerror(errno));
+    emsg("Error opening '%s' for read, %s", file, lines.reason().c_str());
     return 0;
   }
   clear_datfile();
   add_own_settings();
-  for (char *line : lines) add_line(line);
+  read_datfile(lines, _settings);
   if (lines.failed()) {
-    emsg("Error reading '%s', %s", file, std::strerror(errno));
+    faults(lines.unreadable("Error reading"));
     clear_datfile();
     return 0;
   }
   _settings.emplace_back();
   ini_setup(ini, _settings.data(), nullptr, 1);
-  return ini_process(ini);
+  return ini_process(ini, [&](Fault fault) {
+    fault.file = file;
+    faults(fault);
+  });
+}
+
+void read_datfile(Lines &lines, std::vector<SettingList> &settings) {
+  for (char *line : lines) {
+    const char *name = next_word(&line);
+    const char *value = line + std::strspn(line, " \t");
+    dmsg("Adding '%s'='%s'", or_empty(name), value);
+    settings.push_back(
+        {or_empty(name), *value != '\0' ? Text{value} : Text{}, Ini_Replace, lines.number()});
+  }
 }
 
 void clear_datfile() { std::vector<SettingList>{}.swap(_settings); }

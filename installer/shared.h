@@ -5,13 +5,20 @@
 // the settings store. `load_datfile` once at the start, `clear_datfile` at the end.
 
 #include "installer/ini.h"
+#include "installer/lines.h"
+#include "installer/log.h"
+
+#include <vector>
 
 namespace installer {
 
 /// Fills the empty store `ini` from `file` and resolves the references between its values. The
-/// installer's own four come first, so a line of the file that names one of them is never seen. 1;
-/// 0 for a null argument, or (logged) when the file cannot be read, with `ini` untouched.
-[[nodiscard]] int load_datfile(Ini ini, const char *file);
+/// installer's own four come first, so a line of the file that names one of them is never seen.
+/// `faults` takes what is wrong. 1; 0 for a null argument, or when the file cannot be read, with
+/// `ini` untouched.
+[[nodiscard]] int load_datfile(Ini ini, const char *file, const Faults &faults = log_fault);
+/// Appends a record for each of the lines to come; needs nothing of the machine.
+void read_datfile(Lines &lines, std::vector<SettingList> &settings);
 /// Releases what `load_datfile` keeps. May be called more than once.
 void clear_datfile();
 

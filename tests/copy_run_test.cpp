@@ -69,6 +69,7 @@ TEST_F(CopyRunTest, DoesItsCommands) {
       {"Rename file z",                                            "1 0 +z -file"                                                       },
       {"Rename no z",                                              "failed! Error renaming 'no'->'z', " + gone + ", " + gone            },
       {"Exist src s\nWFile f s\nExist no t\nMkDir d s\nMkDir e t", "4 0 +d/ +ftrue"                                                     },
+      {"Exist file s\nMkDir d no_such s\nExist no s\nWFile f s",   "4 0 +d/ +ffalse"                                                    },
       {"RFile file r\nWFile f r\nRFile nil r\nWFile file r",       "4 0 +f"                                                             },
       {"RFile file host\nWFile file host",                         "2 0 file=box"                                                       },
       {"RFile src x",                                              "failed! Failed to read (src), Is a directory"                       },
@@ -115,7 +116,8 @@ TEST_F(CopyRunTest, TakesNothingByHalves) {
             "failed! Unknown copy type 'no'! Missing copy source path" + lacks + cut + "src/s'");
   EXPECT_TRUE(changes("CopyFile " + std::string(990, 'p') + " - out1")
                   .starts_with("failed" + lacks + "! Unknown copy type '-'" + lacks + cut));
-  EXPECT_EQ(changes("#" + std::string(998, ' ') + "MkDir d\nMkDir e"), "failed" + cut + "d'");
+  EXPECT_EQ(changes("#" + std::string(998, ' ') + "MkDir d\nMkDir e"), "1 0 +e/");
+  EXPECT_EQ(changes("MkDir d" + std::string(998, ' ') + "\nMkDir e"), "2 0 +d/ +e/");
   EXPECT_TRUE(changes("MkDir d no NO " + command).ends_with(" +d/")); // more words do not count
   const std::string zero(1, '\0');
   for (const char *before : {"", "line\n"}) {

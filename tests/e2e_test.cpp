@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -194,18 +195,19 @@ Removing files[...................]
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty));
+INSTANTIATE_TEST_SUITE_P(Both, Demo, testing::Values(Via::Pipe, Via::Pty),
+                         testing::PrintToStringParamName());
 
 // ---- Small products ----
 
 /// The product "pkg", with another text for one of its files, or without that file.
-static void write_product(const std::string &changed = {}, const char *text = nullptr) {
+static void write_product(const std::string &changed = {}, const Text &text = {}) {
   write_file("pkg.dat", "product P\ne no\n");
   write_file("pkg.int", "");
   write_file("pkg.q", "[install]\nText a - - h A\n[w]\n");
   write_file("pkg.cpy", "[install]\nWFile out a\n[W]\nWFile out a\nRmFile out.* -\n");
   write_file("blurb.txt", "Bye\n");
-  if (text != nullptr) write_file(changed, text);
+  if (text) write_file(changed, *text);
   else fs::remove(changed);
 }
 
@@ -218,6 +220,7 @@ struct Small : testing::TestWithParam<Via> {
       {"@auto",    "@banner@menu[Install]\n"                             },
       {"@no",      "That is not a recognised option@again"               },
       {"@done",    "Copying files[]\nSuccess 0 bytes in 1 files copied\n"},
+      {"@zero",    "line 2 holds a zero byte"                            },
       {"@unread",  "Failed to read '@int', No such file or directory"    },
       {"@bye",     "\nBye\n"                                             },
   };
@@ -225,18 +228,20 @@ struct Small : testing::TestWithParam<Via> {
   /// A dialogue with the product, changed as said, that leaves `out` in its one file. It is an
   /// unattended run if it starts with "@auto".
   void expect(const std::string &dialogue, const std::string &out, const std::string &changed = {},
-              const char *text = nullptr, Arguments arguments = {}) {
+              const Text &text = {}, Arguments arguments = {}, const Start &start = {}) {
     SCOPED_TRACE(dialogue);
     const TempDir dir;
     write_product(changed, text);
     if (dialogue.starts_with("@auto")) arguments = Automate;
-    words["@int"] = dir.path("pkg.int");
-    talk(GetParam(), arguments, dialogue, words);
+    for (const char *file : {"dat", "int", "q", "cpy"})
+      words[std::string{"@"} + file] = dir.path(std::string{"pkg."} + file);
+    talk(GetParam(), arguments, dialogue, words, start);
     EXPECT_EQ(read_file("out"), out);
   }
 };
 
 TEST_P(Small, Dialogues) {
+  const Text zero_byte = std::string{"[install]\nText\0\n", 16};
   const char *two = "[install]\nText a - - h A\nText b - - h B\n";
   // The menu.
   expect("@banner@choose{abc}\n@no@choose{0}\n@no@choose{6}\n@no@choose{ 4 }\n@exit", "");
@@ -257,6 +262,8 @@ TEST_P(Small, Dialogues) {
          "[upgrade]\nError e h No $(product)");
   expect("@1Error: The questions repeat without end\n@bye@exit", "", "pkg.q",
          "[install]\nExist . here\nLoop e 0");
+  expect("@1X []? {x}\n@review{}\n@done@bye@exit", "false", "pkg.q",
+         "[install]\nExist . s\nText x none s h X\nExist none s\nCopy a - - h s");
   // Unattended.
   expect("@auto@done@bye", "a", "pkg.q", "[install]\nLoop e -1\nText a - - h A");
   expect("@auto@done@bye", "1", "pkg.dat", "product P\na 1");
@@ -273,6 +280,12 @@ TEST_P(Small, Dialogues) {
   expect("@banner@menuWhat would you like to do[2]? {}\n[Upgrade]\n@exit", "", "pkg.int",
          "Copy action upgrade - -");
   expect("@1@bye@exit", "", "pkg.q");
+  expect("Error: Error reading '@dat', @zero\n@exit", "", "pkg.dat", zero_byte);
+  expect("Error: Failed to load init file '@int', Failed to read '@int', @zero\n@exit", "",
+         "pkg.int", zero_byte);
+  expect("@1Error: Error reading '@q', @zero\n@bye@exit", "", "pkg.q", zero_byte);
+  expect("@1A []? {x}\n@review{}\nError: Error reading '@cpy', @zero\n@bye@exit", "", "pkg.cpy",
+         zero_byte);
   expect("@auto@bye", "", "pkg.cpy");
   expect("@autoCopying files[]\nFailed, Not P@bye", "", "pkg.cpy",
          "[install]\nError e Not $(product)\nWFile out x");
@@ -280,7 +293,19 @@ TEST_P(Small, Dialogues) {
   expect("@auto@done", "", "blurb.txt");
 }
 
-INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty));
+static void make_input_impatient() { ::fcntl(0, F_SETFL, O_NONBLOCK | ::fcntl(0, F_GETFL)); }
+static void make_input_fail() { ::dup2(::open("/", O_RDONLY), 0); }
+
+TEST_P(Small, InputThatFails) {
+  expect("@1A []? {x}\n@review{}\n@done@bye@exit", "x", {}, {}, {},
+         {.prepare = make_input_impatient});
+  const Start failing = {.prepare = make_input_fail};
+  expect("@banner@choose@exit", "", {}, {}, {}, failing);
+  expect("@banner[w]\n@review@exit", "", {}, {}, {"-special", "w"}, failing); // no consent
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Small, testing::Values(Via::Pipe, Via::Pty),
+                         testing::PrintToStringParamName());
 
 // ---- Starting the program ----
 

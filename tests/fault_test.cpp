@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 
 #include <pwd.h>
 #include <sys/ptrace.h>
@@ -155,6 +156,25 @@ TEST(Fault, Limits) {
     EXPECT_EQ(told(outcome.console), !completes) << outcome.console;
     install();
     EXPECT_EQ(read_tree("out"), complete);
+  }
+}
+
+TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer needs the memory";
+#endif
+  for (const std::string row : {"dat x", "int Copy x", "q Text x - - h", "cpy WFile x"}) {
+    const TempDir scratch;
+    write_product();
+    const std::size_t blank = row.find(' ');
+    std::ofstream file{"installer." + row.substr(0, blank), std::ios::app};
+    for (int line = 0; line < 15000; ++line)
+      file << row.substr(blank + 1) << ' ' << std::string(900, 'x') << " - -\n";
+    file.close();
+    const Outcome outcome = install([] { limit(RLIMIT_AS, 16'000'000); });
+    EXPECT_EQ(outcome.status, 0) << row;
+    EXPECT_NE(outcome.console.find("Error: Out of memory\n"), outcome.console.npos) << row;
+    EXPECT_FALSE(fs::exists("out")) << row;
   }
 }
 

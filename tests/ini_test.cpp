@@ -42,12 +42,14 @@ TEST(Store, CursorDecidesWhichValueCounts) {
 TEST(Substitution, EndsAndIsCut) {
   take_errors();
   const std::string wide(600, 'w'), name(999, 'n');
-  const Store x = make_store({"turn=$(one)", "open=$(host", "one=$(two)", "two=$(one)",
-                              "self=$(Self)", "grow=$(grow)+$(b)", "a=$(b)/x", "b=$(host)/y",
-                              "host=h", "cut=$(wide)$(wide)$(b)", "wide=" + wide, name + "=long"});
+  const Store x =
+      make_store({"turn=$(one)", "open=$(host", "one=$(two)", "two=$(one)", "self=$(Self)",
+                  "grow=$(grow)+$(b)", "a=$(b)/x", "b=$(host)/y", "host=h",
+                  "cut=$(wide)$(wide)$(b)", "wide=" + wide, name + "=long", "mixed=$(b) $(turn)"});
   EXPECT_EQ(ini_process(x.get()), 1);
-  const std::string errors = take_errors(); // of "turn", "one", "two", "self" and "grow"
-  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 5) << errors;
+  const std::string errors = take_errors(); // of "turn", "one", "two", "self", "grow" and "mixed"
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 6) << errors;
+  EXPECT_STREQ(ini_value_name(x.get(), "mixed"), "h/y $(turn)");
   EXPECT_STREQ(ini_value_name(x.get(), "a"), "h/y/x");
   EXPECT_EQ(ini_value_name(x.get(), "cut"), wide + wide.substr(201));
   char result[10];
@@ -55,6 +57,21 @@ TEST(Substitution, EndsAndIsCut) {
   EXPECT_STREQ(result, "h/y/xh/y1");
   ini_replace(x.get(), ("$(" + name + "nn)").c_str(), result, sizeof result); // so is a name
   EXPECT_STREQ(result, "longn)");
+}
+
+TEST(Substitution, EndsInLongRowsAndCircles) {
+  std::vector<std::string> settings;
+  for (int i = 0; i < 20000; ++i)
+    settings.push_back(std::to_string(i) + "=$(" + std::to_string((i + 1) % 20000) + ")");
+  for (int i = 0; i < 300; ++i)
+    settings.push_back("r" + std::to_string(i) + "=$(R" + std::to_string(i + 1) + ")");
+  settings.emplace_back("r300=end");
+  const Store x = make_store(settings);
+  int faults = 0;
+  EXPECT_EQ(ini_process(x.get(), [&faults](const Fault &) { ++faults; }), 1);
+  EXPECT_EQ(faults, 20000);
+  EXPECT_STREQ(ini_value_name(x.get(), "r0"), "end");
+  EXPECT_STREQ(ini_value_name(x.get(), "0"), "$(1)");
 }
 
 } // namespace installer

@@ -22,7 +22,7 @@ TEST(Init, LoadsAndEvaluates) {
   const std::regex place{"@"};
   const std::string script =
       " # Copy 1 x - -\n\tExist \t$(x)lines 1 - - 5 6\r\nCopy 1 x -\nexist gone 1 - -\n"
-      "Exist gone 2 - -\nExist . 3 - -\nExist @ 4 - -\nExist /@ 5 - -\nCopy 5 host - -\n"
+      "Exist gone 2 - -\nExist . 3 - -\nExist @ 4 - -\nExist /@ 13 - -\nCopy 5 host - -\n"
       "Copy host x - -\nCopy 6 host - -\nCopy 7 $(x) 2 false\nCopy 8 y 2 False\nCopy 8 y - yes\n"
       "Copy 8 y - no\nCopy 8 x w w\nCopy 9 x y -\nTimeDate gone 8 - -\nTimeDate day day2 - -\n"
       "WFile $(x)w 6 - -\nRFile w 10 - -\nWFile w text - -\nRFile $(x)w 11 - -\nCopy 9 x 11 x\n"
@@ -35,9 +35,9 @@ TEST(Init, LoadsAndEvaluates) {
   EXPECT_EQ(init_load(x.get(), "int"), 1);
   init_evaluate(x.get(), store.get());
   std::string values;
-  for (int i = 1; i <= 12; ++i)
+  for (int i = 1; i <= 13; ++i)
     values += or_empty(ini_value_name(store.get(), std::to_string(i).c_str())) + std::string{"|"};
-  EXPECT_EQ(values, "true|false|true|true|box|box|$(x)|x|x|box|text|" + lines + "|");
+  EXPECT_EQ(values, "true|false|true|true|box|box|$(x)|x|x|box|text|" + lines + "|false|");
   const std::string errors =
       "Error: Unknown init command 'exist'\n"
       "Error: Line too long, nothing done for 'Copy 12'\n"

@@ -7,6 +7,7 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace installer {
 
@@ -19,35 +20,56 @@ struct LogTest : testing::Test {
   void write_lines(int first, int last) const {
     for (int i = first; i <= last; ++i) log_line(x, std::to_string(i).c_str(), LogInfo);
   }
-  std::string reopened(Log current, const char *name) {
-    log_set(current);
-    EXPECT_EQ(log_open(x, name), 1);
-    for (void (*report)(const char *, ...) : {emsg, imsg, dmsg}) {
-      errno = ENOTTY;
-      report(nullptr);
-      report("%s!", std::string(1500, 'x').c_str());
-      EXPECT_EQ(errno, ENOTTY);
-    }
+  /// What stands in the log when it has been opened, reported to and closed.
+  std::string logged(void (*report)(const char *, ...) = nullptr, std::size_t length = 0) const {
+    fs::remove("log");
+    EXPECT_EQ(log_open(x, "log"), 1);
+    errno = ENOTTY;
+    if (report != nullptr) report(nullptr), report("%s!", std::string(length, 'x').c_str());
+    EXPECT_TRUE(report == nullptr || errno == ENOTTY);
     log_close(x);
-    return read_log(name);
+    return read_log("log");
   }
 };
 
-TEST_F(LogTest, LevelsCutsAndEarlyErrors) {
-  const std::string cut = ": " + std::string(999, 'x') + "\n";
-  reopened(nullptr, "rest"); // of earlier errors
-  EXPECT_EQ(reopened(x, "3"), "Error" + cut + "Info" + cut + "Debug" + cut);
-  log_set_level(x, LogInfo);
-  EXPECT_EQ(reopened(x, "2"), "Error" + cut + "Info" + cut);
-  log_set_level(x, LogNone);
-  EXPECT_EQ(reopened(x, "0"), ""); // its error waits
+TEST_F(LogTest, LevelsAndCuts) {
+  const std::string cut(999, 'x');
+  const struct {
+    LogLevel level;
+    void (*report)(const char *, ...);
+    std::size_t length;
+    std::string line;
+  } rows[] = {
+      {LogDebug, emsg, 2,    "Error: xx!\n"                   },
+      {LogDebug, imsg, 2,    "Info: xx!\n"                    },
+      {LogDebug, dmsg, 1500, "Debug: " + cut + "\n"           },
+      {LogInfo,  imsg, 1500, "Info: " + cut + "\n"            },
+      {LogInfo,  emsg, 999,  "Error: " + cut + "\n"           },
+      {LogInfo,  dmsg, 2,    ""                               },
+      {LogError, emsg, 998,  "Error: " + cut.substr(1) + "!\n"},
+      {LogError, imsg, 2,    ""                               },
+      {LogNone,  emsg, 2,    ""                               },
+  };
+  for (const auto &row : rows) {
+    log_set_level(x, row.level);
+    EXPECT_EQ(logged(row.report, row.length), row.line) << row.level << row.line;
+  }
+}
+
+TEST_F(LogTest, ErrorsWaitForALogThatTakesThem) {
+  const auto wait = [&](LogLevel level, Log current, const char *error) {
+    log_set_level(x, level);
+    log_set(current);
+    emsg("%s", error);
+  };
   log_set(nullptr);
-  emsg("early %d", 2);
-  log_set_level(x, LogError);
-  EXPECT_EQ(reopened(x, "1"), "Error" + cut);
-  EXPECT_EQ(reopened(nullptr, "1"), "Error" + cut + "Error" + cut + "Error: early 2\nError" + cut);
-  log_open(x, "1");
-  EXPECT_EQ(x->Size, read_file("1").size());
+  logged(); // errors of earlier tests
+  wait(LogNone, x, "silent");
+  wait(LogDebug, nullptr, "early");
+  EXPECT_EQ(logged(), "Error: silent\nError: early\n");
+  EXPECT_EQ(logged(), "");
+  EXPECT_EQ(log_open(x, "log"), 1);
+  EXPECT_EQ(x->Size, read_file("log").size());
 }
 
 TEST_F(LogTest, SixRotationsKeepFiveBackups) {
@@ -76,6 +98,10 @@ TEST_F(LogTest, FileThatCannotBeMovedKeepsItsBackups) {
   fs::remove(name); // it would come back if every line tried again
   write_lines(15, 15);
   EXPECT_FALSE(fs::exists(name));
+  write_file("other", std::string(x->Held, '\n')); // does not wait for the file that failed
+  EXPECT_EQ(log_open(x, "other"), 1);
+  write_lines(16, 16);
+  EXPECT_TRUE(fs::exists("other0"));
 }
 
 TEST_F(LogTest, OnlyPlainPlacesOpen) {
@@ -88,6 +114,17 @@ TEST_F(LogTest, OnlyPlainPlacesOpen) {
     write_lines(1, 1);
     EXPECT_STREQ(x->File, "");
   }
+  if (::geteuid() == 0) {
+    write_file("theirs", "");
+    EXPECT_EQ(::chown("theirs", 1, 1), 0);
+    EXPECT_EQ(log_open(x, "theirs"), 0);
+  }
+  write_file("open", "");
+  fs::permissions("open", fs::perms{0666});
+  EXPECT_EQ(log_open(x, "open"), 1);
+  EXPECT_EQ(fs::status("open").permissions(), fs::perms{0600});
+  fs::create_hard_link("open", "second");
+  EXPECT_EQ(log_open(x, "open"), 0);
   EXPECT_EQ(log_open(x, "to_null"), 1);
   log_rotate(x); // moves regular files only
   EXPECT_TRUE(fs::is_symlink("to_null") && !fs::exists("to_null0"));

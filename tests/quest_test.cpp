@@ -22,20 +22,20 @@ struct QuestTest : ::testing::Test {
 TEST_F(QuestTest, ReadsQuestions) {
   const char *const lines =
       "Text a - - h t\n[other]\nText b - - h t\n[Install\n # x\n\nText port - - h1 Which  port?\r\n"
-      "\tyn \tok ctl - h 50\\% \\\\a\\nb\\tc \\\nExist\nText s\nYN s c\nError s\nExist p\nLoop s\n"
+      "\tyn \tok\v ctl - h\v 50\\% \\\\a\\nb\\tc \\\nExist\nText s\nYN s c\nError s\nExist p\nLoop s\n"
       "Text s - - h\nexist $(dir)/x have more\nError s - It's  wrong\nLoop again 3 4\n"
       "Else s c v h t\nCopy s - - h t\n[install]\nText c - - h t";
   EXPECT_EQ(load(lines), 1);
   std::string all;
-  for (const auto &[text, setting, control, compare, help, type] : x->list) {
-    all += std::to_string(type);
+  for (const auto &[text, setting, control, compare, help, type, line] : x->list) {
+    all += std::to_string(line) + ":" + std::to_string(type);
     for (const Text &field : {setting, control, compare, help, text})
       all += "|" + field.value_or("~");
     all += "\n";
   }
-  EXPECT_EQ(all, "1|port|~|~|h1|Which  port?\n2|ok|ctl|~|h|50% \\a\nb\tc \n"
-                 "512|have|~|~|~|$(dir)/x\n2048|s|~|~|-|It's  wrong\n4096|again|~|~|~|3\n"
-                 "0|s|c|v|h|t\n1024|s|~|~|h|t\n");
+  EXPECT_EQ(all, "7:1|port|~|~|h1|Which  port?\n8:2|ok\v|ctl|~|h|50% \\a\nb\tc \n"
+                 "16:512|have|~|~|~|$(dir)/x\n17:2048|s|~|~|-|It's  wrong\n"
+                 "18:4096|again|~|~|~|3\n19:0|s|c|v|h|t\n20:1024|s|~|~|h|t\n");
   std::string errors;
   for (const std::string what : {"setting label", "control", "control comparison", "Help ID text",
                                  "Help ID text", "Help ID text", "question text"})

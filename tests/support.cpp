@@ -134,6 +134,10 @@ Store make_store(const std::vector<std::string> &settings) {
   return x;
 }
 
+void PrintTo(Via via, std::ostream *out) {
+  *out << (via == Via::Pty ? "OnATerminal" : "ThroughAPipe");
+}
+
 Outcome run(const std::vector<std::string> &arguments, const std::string &input, Via via,
             const Start &start) {
   const Connection c = connect(via);

@@ -6,6 +6,7 @@
 #include "installer/ini.h"
 
 #include <filesystem>
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <vector>
@@ -52,6 +53,8 @@ using Store = std::unique_ptr<ini, Release<ini_free>>;
 /// echo, whose operator types a line when a prompt waits for one, and an end of file after the
 /// last.
 enum class Via { Pipe, Pty };
+/// Its name in the list of tests.
+void PrintTo(Via via, std::ostream *out);
 
 /// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts.
 struct Start {
