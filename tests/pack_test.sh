@@ -29,7 +29,7 @@ fi
 
 cp -R "$examples/demo" board
 cp "$programs/installer" board/noticeboard
-{ echo "dir $scratch/target"; cat "$examples/demo/noticeboard.dat"; } >board/noticeboard.dat
+sed -i "s|^dir .*|dir $scratch/target|" board/noticeboard.dat
 mkdir board/files/empty
 chmod 750 board/files/board/cgi
 
