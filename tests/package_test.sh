@@ -50,6 +50,8 @@ newest=$(printf '%s\nGLIBC_2.17\n' "$needed" | sort -V | tail -n 1)
   { echo "the program needs $needed"; exit 1; }
 
 echo "== lintian"
+grep -q "^installer-tools ($(dpkg-deb -f "${deb[0]}" Version))" packaging/changelog ||
+  { echo "packaging/changelog does not begin with this version"; exit 1; }
 lintian --allow-root --fail-on error,warning "${deb[0]}"
 
 echo "== tar.gz"
