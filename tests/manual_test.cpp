@@ -46,11 +46,14 @@ TEST(Manual, ExampleProductRuns) {
 
 TEST(Manual, GuideOfReadmeWorks) {
   const TempDir home;
-  const std::string program = "$PWD/build/release/installer";
+  const std::string tools = "$PWD/build/release", build = "scripts/build release\n";
   const std::string readme = read_file(INSTALLER_SOURCE_DIR "/README.md");
-  const std::size_t start = readme.find("```sh\nprogram=") + 6;
+  const std::size_t start = readme.find("```sh\ntools=") + 6;
   std::string guide = readme.substr(start, readme.find("```", start) - start);
-  write_file("guide", guide.replace(guide.find(program), program.size(), INSTALLER_PROGRAM));
+  const std::string built = fs::path{INSTALLER_PROGRAM}.parent_path().string();
+  guide.erase(guide.find(build), build.size());
+  guide.replace(guide.find(tools), tools.size(), built);
+  write_file("guide", guide);
   EXPECT_EQ(std::system("HOME=$PWD bash -eu guide >out 2>&1"), 0) << read_file("out");
   EXPECT_NE(read_file("out").find("\nHello, World!\n"), std::string::npos) << read_file("out");
 }
