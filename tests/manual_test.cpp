@@ -60,6 +60,7 @@ TEST(Manual, PatternsDoWhatTheySay) {
 ./notes -automate; cmp files/share/lang/en.txt target/share/lang/en.txt)"},
       {"required", R"(
 ./notes -automate; fails test -e target
+sed -i /^YN/d notes.q; ./notes -automate -strict && exit 1; test $? = 2; fails test -e target
 printf '\n\nme@here\n\n' | ./notes; test -e target)"},
       {"choice",   R"(
 mkdir choices; touch choices/language.de choices/language.en
@@ -71,6 +72,7 @@ printf '1\n%s\n\n' $PWD/else | ./notes; rm else/bin/notesd
 ./notes -automate -special remove; fails test -e else; fails test -e state)"},
       {"blurb",    R"(
 touch target; ./notes -automate | grep 'Notes is NOT'
+./notes -automate -strict >out.strict && exit 1; test $? = 1; fails grep 'Notes is' out.strict
 rm target; ./notes -automate | grep 'Notes is installed. Start')"},
       {"secret",   R"(
 (umask 0; printf '\n\nkey\n\n' | ./notes); modes 700 target/private
@@ -95,6 +97,15 @@ grep newer target/bin/notesd; fails test -e target/junk
 ./notes -automate -special back; grep -x new target/bin/notesd
 ./notes -automate; rm -r target; ./notes -automate -special back; grep -x new target/bin/notesd
 ./notes -automate -special back | grep 'no version')"},
+      {"replay",   R"(
+printf '1\n%s\n\n' $PWD/else | sh -e first.sh; modes 600 answers; mv else kept
+sh -e others.sh; diff -r kept else)"},
+      {"hosts",    R"(
+sed -i s,/opt/notes,$PWD/target, install.sh; sh install.sh | grep 'installed: 2.1'
+echo x >target/share/page.html; sh install.sh; cmp files/share/page.html target/share/page.html
+test $(cat target/port) = 8080; ./notes -automate -strict -special remove; fails test -e target
+echo prot 1 >>answers; sh install.sh 2>reasons && exit 1; test $? = 2; grep answers:2: reasons
+: >answers; sh install.sh 2>reasons && exit 1; test $? = 2; grep port: reasons; fails test -e target)"},
   };
   for (const auto &[pattern, script] : rows) {
     const TempDir folder;
