@@ -84,19 +84,85 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   }
 }
 
-TEST(Fault, KilledAtEveryTenthSystemCall) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-  const Tree complete = expected_tree();
-  int kills = 0;
-  for (bool killed = true; killed; ++kills) {
-    const TempDir scratch;
-    write_product();
-    killed = run_and_kill(10 * (kills + 1));
-    install();
-    ASSERT_EQ(read_tree("out"), complete) << "after kill " << kills;
-  }
-  EXPECT_GT(kills, 10);
+enum Action { Install, Upgrade, Remove };
+struct Product {
+  std::string name;
+  void (*write)();
+};
+
+/// What an action left, with the modes; of a removal only the files.
+static Tree result(Action action) {
+  Tree tree = fs::exists("out") ? read_tree("out") : Tree{};
+  for (auto &[name, text] : tree)
+    text += " " + std::to_string(static_cast<unsigned>(fs::status("out/" + name).permissions()));
+  if (action == Remove) std::erase_if(tree, [](auto &entry) { return entry.first.ends_with('/'); });
+  return tree;
 }
+
+static std::vector<std::string> arguments_of(Action action) {
+  if (action != Remove) return {"-automate"};
+  return {"-automate", "-special", "remove"};
+}
+
+static Outcome act(const Product &product, Action action) {
+  return run(arguments_of(action), {}, Via::Pipe, {.name = "./" + product.name});
+}
+
+/// Kills the action before its system call number 53 * `place`. False: it ended earlier.
+static bool kill_at(const Product &product, Action action, int place) {
+  return run_and_kill(53 * place, arguments_of(action), {.name = product.name});
+}
+
+/// Runs the action with a failure before its command number `place`. False: it has fewer.
+static bool fail_at(const Product &product, Action action, int place) {
+  const std::string file = product.name + ".cpy", script = read_file(file);
+  std::size_t at = script.find(action == Install ? "[install]\n" : "[upgrade]\n");
+  const std::size_t end = script.find("\n[", at);
+  for (; place > 0; place -= std::isupper(script[at]) ? 1 : 0) at = script.find('\n', at) + 1;
+  if (action == Remove || at >= end) return false;
+  write_file(file, script.substr(0, at) + "RFile missing x\n" + script.substr(at));
+  EXPECT_NE(act(product, action).console.find("\nFailed, "), std::string::npos);
+  write_file(file, script);
+  return true;
+}
+
+struct CutShort : testing::TestWithParam<Product> {
+  CutShort() { GetParam().write(); }
+
+  /// What is there before the action.
+  static void prepare(Action action) {
+    for (const char *tree : {"out", "half"}) fs::remove_all(tree);
+    if (action != Install) act(GetParam(), Install);
+  }
+
+  const TempDir scratch;
+};
+
+TEST_P(CutShort, IsUndoneAndFinished) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  for (const Action action : {Install, Upgrade, Remove})
+    for (const auto cut : {kill_at, fail_at}) {
+      prepare(action);
+      act(GetParam(), action);
+      const Tree complete = result(action);
+      for (int place = 1; prepare(action), cut(GetParam(), action, place); ++place) {
+        SCOPED_TRACE(place);
+        if (result(action) == complete) continue;
+        if (fs::exists("out")) fs::copy("out", "half", fs::copy_options::recursive);
+        act(GetParam(), Remove);
+        EXPECT_EQ(result(Remove), Tree{});
+        fs::remove_all("out");
+        if (fs::exists("half")) fs::rename("half", "out");
+        act(GetParam(), action);
+        ASSERT_EQ(result(action), complete);
+      }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, CutShort,
+                         testing::Values(Product{"noticeboard", write_demo},
+                                         Product{"notes", write_notes}),
+                         [](const auto &product) { return product.param.name; });
 
 TEST(Fault, FileThatFailsWhenItIsClosed) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
