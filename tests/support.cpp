@@ -8,8 +8,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <regex>
+#include <sstream>
 
 #include <fcntl.h>
 #include <pty.h>
@@ -98,8 +98,9 @@ void write_file(const std::string &path, const std::string &text) {
 }
 
 std::string read_file(const std::string &path) {
-  std::ifstream stream{path, std::ios::binary};
-  return {std::istreambuf_iterator<char>{stream}, {}};
+  std::ostringstream text;
+  text << std::ifstream{path, std::ios::binary}.rdbuf();
+  return text.str();
 }
 
 std::string read_log(const std::string &path) {
