@@ -6,12 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 
 #include <pwd.h>
-#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,18 +53,6 @@ static bool told(const std::string &console) {
   return all.find("\nError: ") != all.npos || all.find("\nFailed, ") != all.npos;
 }
 
-/// Runs the product with the fault, in `path` if given; the status.
-static int run_injected(const std::string &inject, const std::string &path = {}) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // no leaks can be looked for under a tracer
-  const std::string only = path.empty() ? "" : " -P " + path;
-  return std::system(("timeout 60 strace -f -o trace" + only +
-                      " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
-                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
-                         .c_str());
-}
-
-static bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
-
 TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
   const Tree complete = expected_tree();
@@ -74,10 +60,10 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   // write, so that kills there fall everywhere.
   for (const std::string row :
        {"9 write:error=ENOSPC", "2 read:error=EIO", "2 openat:error=EMFILE",
-        "1 rename:error=EACCES", "1 mkdir:error=ENOSPC", "1 unlinkat:error=EBUSY",
-        "1 fchmodat:error=EPERM", "1 fchownat:error=EPERM", "2 close:error=EIO",
-        "1 getdents64:error=EIO", "5 write:signal=KILL", "2 openat:signal=KILL",
-        "1 rename:signal=KILL", "1 mkdir:signal=KILL", "1 unlinkat:signal=KILL"}) {
+        "1 renameat:error=EACCES", "1 mkdirat:error=ENOSPC", "1 unlinkat:error=EBUSY",
+        "1 fchownat:error=EPERM", "2 close:error=EIO", "1 getdents64:error=EIO",
+        "5 write:signal=KILL", "2 openat:signal=KILL", "1 renameat:signal=KILL",
+        "1 mkdirat:signal=KILL", "1 unlinkat:signal=KILL"}) {
     const bool kill = row.ends_with("KILL");
     int runs = 0;
     for (int when = 1;; when += row[0] - '0', ++runs) {
@@ -98,36 +84,85 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   }
 }
 
-/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
-static bool run_and_kill(int last) {
-  const ::pid_t pid = ::fork();
-  if (pid == 0) {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
-    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
-    ::_exit(1);
-  }
-  int status = 0;
-  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
-    if (stops == 2 * last) ::kill(pid, SIGKILL);
-    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-  }
-  return WIFSIGNALED(status);
+enum Action { Install, Upgrade, Remove };
+struct Product {
+  std::string name;
+  void (*write)();
+};
+
+/// What an action left, with the modes; of a removal only the files.
+static Tree result(Action action) {
+  Tree tree = fs::exists("out") ? read_tree("out") : Tree{};
+  for (auto &[name, text] : tree)
+    text += " " + std::to_string(static_cast<unsigned>(fs::status("out/" + name).permissions()));
+  if (action == Remove) std::erase_if(tree, [](auto &entry) { return entry.first.ends_with('/'); });
+  return tree;
 }
 
-TEST(Fault, KilledAtEveryTenthSystemCall) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-  const Tree complete = expected_tree();
-  int kills = 0;
-  for (bool killed = true; killed; ++kills) {
-    const TempDir scratch;
-    write_product();
-    killed = run_and_kill(10 * (kills + 1));
-    install();
-    ASSERT_EQ(read_tree("out"), complete) << "after kill " << kills;
-  }
-  EXPECT_GT(kills, 10);
+static std::vector<std::string> arguments_of(Action action) {
+  if (action != Remove) return {"-automate"};
+  return {"-automate", "-special", "remove"};
 }
+
+static Outcome act(const Product &product, Action action) {
+  return run(arguments_of(action), {}, Via::Pipe, {.name = "./" + product.name});
+}
+
+/// Kills the action before its system call number 53 * `place`. False: it ended earlier.
+static bool kill_at(const Product &product, Action action, int place) {
+  return run_and_kill(53 * place, arguments_of(action), {.name = product.name});
+}
+
+/// Runs the action with a failure before its command number `place`. False: it has fewer.
+static bool fail_at(const Product &product, Action action, int place) {
+  const std::string file = product.name + ".cpy", script = read_file(file);
+  std::size_t at = script.find(action == Install ? "[install]\n" : "[upgrade]\n");
+  const std::size_t end = script.find("\n[", at);
+  for (; place > 0; place -= std::isupper(script[at]) ? 1 : 0) at = script.find('\n', at) + 1;
+  if (action == Remove || at >= end) return false;
+  write_file(file, script.substr(0, at) + "RFile missing x\n" + script.substr(at));
+  EXPECT_NE(act(product, action).console.find("\nFailed, "), std::string::npos);
+  write_file(file, script);
+  return true;
+}
+
+struct CutShort : testing::TestWithParam<Product> {
+  CutShort() { GetParam().write(); }
+
+  /// What is there before the action.
+  static void prepare(Action action) {
+    for (const char *tree : {"out", "half"}) fs::remove_all(tree);
+    if (action != Install) act(GetParam(), Install);
+  }
+
+  const TempDir scratch;
+};
+
+TEST_P(CutShort, IsUndoneAndFinished) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  for (const Action action : {Install, Upgrade, Remove})
+    for (const auto cut : {kill_at, fail_at}) {
+      prepare(action);
+      act(GetParam(), action);
+      const Tree complete = result(action);
+      for (int place = 1; prepare(action), cut(GetParam(), action, place); ++place) {
+        SCOPED_TRACE(place);
+        if (result(action) == complete) continue;
+        if (fs::exists("out")) fs::copy("out", "half", fs::copy_options::recursive);
+        act(GetParam(), Remove);
+        EXPECT_EQ(result(Remove), Tree{});
+        fs::remove_all("out");
+        if (fs::exists("half")) fs::rename("half", "out");
+        act(GetParam(), action);
+        ASSERT_EQ(result(action), complete);
+      }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, CutShort,
+                         testing::Values(Product{"noticeboard", write_demo},
+                                         Product{"notes", write_notes}),
+                         [](const auto &product) { return product.param.name; });
 
 TEST(Fault, FileThatFailsWhenItIsClosed) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -12,7 +13,9 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,18 +46,22 @@ Connection connect(Via via) {
   return c;
 }
 
-[[noreturn]] void start_program(const Connection &c, std::vector<std::string> arguments,
-                                const Start &start) {
-  ::dup2(c.to[0], STDIN_FILENO);
-  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
+[[noreturn]] void execute(std::vector<std::string> arguments, const Start &start) {
   arguments.insert(arguments.begin(), start.name);
   std::vector<char *> argv;
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  ::alarm(60); // outlives the exec
   if (start.prepare != nullptr) start.prepare();
   ::execv(INSTALLER_PROGRAM, argv.data());
   ::_exit(127);
+}
+
+[[noreturn]] void start_program(const Connection &c, const std::vector<std::string> &arguments,
+                                const Start &start) {
+  ::dup2(c.to[0], STDIN_FILENO);
+  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
+  ::alarm(60); // outlives the exec
+  execute(arguments, start);
 }
 
 /// Types the next line, or the end of file. It takes two of these behind a line without an end: the
@@ -120,6 +127,37 @@ Tree read_tree(const std::string &path) {
   return tree;
 }
 
+Tree read_page(const std::string &name) {
+  const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
+  const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/" + name);
+  Tree files;
+  for (std::sregex_iterator it{page.begin(), page.end(), display}, end; it != end; ++it)
+    files[it->str(1)] = std::regex_replace(it->str(2), backslash, "\\");
+  return files;
+}
+
+/// Puts settings in front of the others: the first of a name wins.
+static void preset(const std::string &file, const std::string &settings) {
+  write_file(file, "dir $(current_dir)/out\n" + settings + read_file(file));
+}
+
+void write_demo() {
+  fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
+  preset("noticeboard.dat", "");
+}
+
+void write_notes() {
+  for (const char *name : {"dat", "int", "q", "cpy"})
+    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
+      write_file(file, text);
+  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
+    write_file(std::string{"files/"} + file, file);
+  write_file("www/other", "");
+  const struct ::passwd *user = ::getpwuid(::getuid());
+  const std::string owner = user != nullptr ? user->pw_name : "root";
+  preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
+}
+
 Store make_store(const std::vector<std::string> &settings) {
   std::vector<SettingList> list;
   for (const std::string &text : settings) {
@@ -162,6 +200,32 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input,
   ::close(via == Via::Pipe ? c.to[0] : c.to[1]);
   ::close(c.from[0]);
   return outcome;
+}
+
+int run_injected(const std::string &inject, const std::string &path) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // no leaks can be looked for under a tracer
+  const std::string only = path.empty() ? "" : " -P " + path;
+  return std::system(("timeout 60 strace -f -o trace" + only +
+                      " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
+                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
+                         .c_str());
+}
+
+bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
+
+bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    execute(arguments, start);
+  }
+  int status = 0;
+  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    if (stops == 2 * last) ::kill(pid, SIGKILL);
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+  }
+  return WIFSIGNALED(status);
 }
 
 } // namespace installer

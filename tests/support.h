@@ -45,6 +45,14 @@ std::string take_errors();
 using Tree = std::map<std::string, std::string>;
 [[nodiscard]] Tree read_tree(const std::string &path);
 
+/// The files that a manual page shows: each in a display behind a comment with its name.
+[[nodiscard]] Tree read_page(const std::string &name);
+
+/// Writes a product into the working directory, to be installed in "out" there: the demo
+/// ("noticeboard"), and that of the manual pages ("notes").
+void write_demo();
+void write_notes();
+
 /// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
 using Store = std::unique_ptr<ini, Release<ini_free>>;
 [[nodiscard]] Store make_store(const std::vector<std::string> &settings);
@@ -72,5 +80,14 @@ struct Outcome {
 /// Runs the program to its end. One that hangs is killed, which fails the test.
 Outcome run(const std::vector<std::string> &arguments, const std::string &input = {},
             Via via = Via::Pipe, const Start &start = {});
+
+/// Runs the product "installer" unattended under strace with a fault, on calls that have to do with
+/// `path` if given; the status. The console and the calls are in the files "console" and "trace".
+int run_injected(const std::string &inject, const std::string &path = {});
+/// True where strace may trace.
+bool can_trace();
+/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
+bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
+                  const Start &start = {.name = "./installer"});
 
 } // namespace installer
