@@ -128,9 +128,10 @@ Once "Notices" is in @here/../noticeboard:
            "[web]\nExecuting[]\n Success 3 files done.\n");
   EXPECT_TRUE(fs::exists("../noticeboard/noticeboard-site.conf"));
 
-  // With the site file and the board itself. The 7 directories in it show a second dot.
+  // With the site file, the board itself and the day of the last start. The 7 directories in it
+  // show a second dot.
   words["@dots"] = std::string(tree.size() + 2 + 7, '.');
-  words["@files"] = std::to_string(tree.size() + 2);
+  words["@files"] = std::to_string(tree.size() + 3);
   converse(Via::Pipe, {"-automate", "-special", "remove"}, "",
            "[remove]\nExecuting[@dots]\n Success @files files done.\n");
   fs::current_path("..");
@@ -189,7 +190,7 @@ Keep the notices [n]? {y}
 Remove the board from ../hall now [y]? {}
 @review{}
 Removing files[...................]
- Success 19 files removed
+ Success 20 files removed
 @exit)");
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }

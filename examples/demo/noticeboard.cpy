@@ -42,6 +42,8 @@ Chmod           $(dir)/conf/*.conf      -       640
 [remove]
 RmDir           $(dir)/*                notices keep_notices
 RmDir           $(dir)                  -       keep_notices false
+# What the init script has written beside this file.
+RmFile          $(current_dir)/last_start       -
 
 [web]
 Exist           $(dir)/conf/board.conf          installed
