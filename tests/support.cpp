@@ -53,7 +53,7 @@ Connection connect(Via via) {
   argv.push_back(nullptr);
   ::alarm(60); // outlives the exec
   if (start.prepare != nullptr) start.prepare();
-  ::execv(INSTALLER_PROGRAM, argv.data());
+  ::execv(start.program, argv.data());
   ::_exit(127);
 }
 

@@ -53,10 +53,12 @@ using Store = std::unique_ptr<ini, Release<ini_free>>;
 /// last.
 enum class Via { Pipe, Pty };
 
-/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts.
+/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts;
+/// `program`: another program than the one for products.
 struct Start {
   std::string name = "./pkg";
   void (*prepare)() = nullptr;
+  const char *program = INSTALLER_PROGRAM;
 };
 
 /// `console`: everything on standard output and standard error; `status`: as waitpid gives it;
