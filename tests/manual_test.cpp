@@ -8,6 +8,7 @@
 #include <regex>
 
 #include <pwd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace installer {
@@ -22,6 +23,17 @@ static Tree read_page(const std::string &name) {
   return files;
 }
 
+/// Installs, upgrades and removes the product in the working directory on a view of the machine, where
+/// one can be had: nothing may be left.
+static void expect_round_trip(const char *product) {
+#ifdef INSTALLER_PREVIEW
+  const Start start{"installer-preview", nullptr, INSTALLER_PREVIEW};
+  const Outcome outcome = run({"-round-trip", product}, {}, Via::Pipe, start);
+  if (WEXITSTATUS(outcome.status) == 125) std::printf("%s", outcome.console.c_str());
+  else EXPECT_EQ(outcome.status, 0) << outcome.console;
+#endif
+}
+
 TEST(Manual, ExampleProductRuns) {
   const TempDir folder;
   for (const char *name : {"dat", "int", "q", "cpy"})
@@ -34,6 +46,8 @@ TEST(Manual, ExampleProductRuns) {
   const std::string own = // the first of a name wins
       "dir $(current_dir)/target\npages_dir $(current_dir)/www\npages true\nowner ";
   write_file("notes.dat", own + (user ? user->pw_name : "root") + "\n" + read_file("notes.dat"));
+  fs::copy(INSTALLER_PROGRAM, "notes");
+  expect_round_trip("./notes");
   const auto expect = [](const std::vector<std::string> &arguments, const char *text) {
     const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;
@@ -48,7 +62,7 @@ TEST(Manual, ExampleProductRuns) {
   EXPECT_EQ(read_tree("target"), installed);
   expect({"-automate", "-special", "pages"}, "]\n Success 1 files done.\n");
   EXPECT_EQ(read_file("www/index.html"), "share/index.html");
-  expect({"-automate", "-special", "remove"}, "]\n Success 8 files done.\n");
+  expect({"-automate", "-special", "remove"}, "]\n Success 10 files done.\n");
   EXPECT_FALSE(fs::exists("target"));
   for (const char *fault : {"Error: Missing", "Error: Unknown"})
     EXPECT_EQ(read_log("notes.log").find(fault), std::string::npos) << read_log("notes.log");
@@ -63,6 +77,9 @@ TEST(Manual, GuideOfReadmeWorks) {
   write_file("guide", guide.replace(guide.find(program), program.size(), INSTALLER_PROGRAM));
   EXPECT_EQ(std::system("HOME=$PWD bash -eu guide >out 2>&1"), 0) << read_file("out");
   EXPECT_NE(read_file("out").find("\nHello, World!\n"), std::string::npos) << read_file("out");
+  ::setenv("HOME", home.path().c_str(), 1);
+  fs::current_path("hello");
+  expect_round_trip("./hello");
 }
 
 } // namespace installer
