@@ -27,7 +27,7 @@ install(PROGRAMS "${tools}/installer-pack" "${tools}/installer-new" TYPE BIN)
 install(FILES "${tools}/run-stub.sh" DESTINATION "${shared}")
 install(DIRECTORY examples/hello DESTINATION "${shared}")
 if(EXISTS "${PROJECT_SOURCE_DIR}/deploy/ansible")
-  install(DIRECTORY deploy/ansible DESTINATION "${shared}")
+  install(DIRECTORY deploy/ansible DESTINATION "${shared}" PATTERN .gitignore EXCLUDE)
 endif()
 # bash looks for a file that is called like the command.
 foreach(command installer-check installer-new installer-pack installer-preview)

@@ -1,6 +1,6 @@
 # The product "$name" in one file: this script, and the folder from line $lines + 3 on.
 # It unpacks to a private folder, runs the product there, brings back its log, and cleans up.
-# shellcheck shell=sh disable=SC2154,SC2317,SC2015 # two names stand above; traps call functions
+# shellcheck shell=sh disable=SC2154,SC2317,SC2015 # three names stand above; traps call functions
 unset CDPATH
 start=$PWD work='' signal=''
 case $0 in /*) file=$0 ;; *) file=$PWD/$0 ;; esac
@@ -102,6 +102,8 @@ run() {
 }
 
 main() {
+  [ "$(head -n 2 <"$file" | sed 's/[0-9a-f]\{64\}//' | sha256sum)" = "$begin" ] ||
+    fail "this file is damaged; nothing was done"
   case ${1-} in
   -h | -help | --help) usage; exit ;;
   --check) echo "$0: OK"; exit ;;
