@@ -260,7 +260,10 @@ bool gate_open(pCopy x, std::uint32_t index) {
 /// False, told, when an operand of a `Rename` reaches further than the packager can have meant.
 bool may_rename(pCopy x, const Text &emptied, const char *operand) {
   if (!not_emptied(x, emptied, operand)) return false;
-  if (!same_file(operand, "/")) return true;
+  struct ::stat named = {}; // not what a link leads to, which stays where it is
+  struct ::stat root = {};
+  const bool known = ::lstat(operand, &named) == 0 && ::stat("/", &root) == 0;
+  if (!known || !same_inode(named, root)) return true;
   file_failure(sink_of(x), "the root directory, nothing done", operand, {},
                "'%s' is the root directory, nothing done", operand);
   return false;

@@ -6,11 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -193,6 +199,61 @@ TEST(Fault, Limits) {
     install();
     EXPECT_EQ(read_tree("out"), complete);
   }
+}
+
+/// From now on these calls of the system fail so.
+static void refuse(std::initializer_list<unsigned> calls, unsigned error) {
+  std::vector<struct ::sock_filter> program;
+  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct ::seccomp_data, nr)));
+  for (const unsigned call : calls) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
+  }
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const struct ::sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
+constexpr unsigned Openat2 = 437, Fchmodat2 = 452;
+
+TEST(Fault, OldKernelsAndSandboxes) {
+  const Tree complete = expected_tree();
+  for (const auto prepare : {+[] {
+                               refuse({Openat2, Fchmodat2, SYS_statx}, ENOSYS);
+                             },
+                             +[] {
+                               refuse({Openat2, Fchmodat2, SYS_statx}, EPERM);
+                             },
+                             +[] { refuse({Fchmodat2}, EIO); }}) {
+    const TempDir scratch;
+    write_product();
+    write_file("out/one", "old"); // is replaced
+    const std::string console = install(prepare).console;
+    EXPECT_EQ(read_tree("out"), complete) << console;
+    const std::string log = read_log("installer.log");
+    const bool changed = (fs::status("out/one").permissions() & fs::perms::all) == fs::perms{0750};
+    EXPECT_NE(changed, log.find("Error changing mode of '") != log.npos) << log;
+  }
+}
+
+TEST(Fault, DeepTreesOnASmallStack) {
+  const TempDir scratch;
+  write_product();
+  std::string deep = "src";
+  while (deep.size() < 235 - scratch.path().size()) deep += "/d";
+  write_file(deep + "/f", "at the bottom");
+  write_file("installer.cpy", "[install]\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
+                              "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
+  fs::create_directory("out");
+#ifdef __SANITIZE_ADDRESS__
+  const auto prepare = [] { limit(RLIMIT_STACK, 1U << 20); };
+#else
+  const auto prepare = [] { limit(RLIMIT_STACK, 128U << 10); };
+#endif
+  const Outcome outcome = install(prepare);
+  EXPECT_NE(outcome.console.find("\nSuccess "), outcome.console.npos) << outcome.console;
+  EXPECT_FALSE(fs::exists("out/d") || told(outcome.console));
 }
 
 TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {

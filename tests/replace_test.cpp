@@ -12,13 +12,21 @@
 #include <cstring>
 #include <random>
 
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 namespace installer {
+
+/// Contents that a failure can show.
+static std::string shortened(const std::string &text) {
+  if (text.size() < 40) return text;
+  return text.substr(0, 1) + "... " + std::to_string(std::hash<std::string>{}(text));
+}
 
 /// Owner, mode, attributes and contents.
 static std::string all_of(const std::string &path) {
@@ -34,7 +42,7 @@ static std::string all_of(const std::string &path) {
         std::string{names.data() + at} + "=" + value.substr(0, static_cast<std::size_t>(got)) + " ";
   }
   return std::to_string(info.st_uid) + ":" + std::to_string(info.st_gid) + " " +
-         std::to_string(info.st_mode) + " " + text + read_file(path);
+         std::to_string(info.st_mode) + " " + text + shortened(read_file(path));
 }
 
 static ::ino_t inode_of(const std::string &path) {
@@ -135,6 +143,20 @@ TEST(Replace, RunningProgramsAndMappedFiles) {
   ::munmap(map, 100000);
 }
 
+TEST(Replace, MountedFilesAreWrittenInPlace) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may mount";
+  const TempDir folder;
+  for (const char *name : {"file", "point"}) write_file(name, "old");
+  const auto write_mounted = [] {
+    const bool own = ::unshare(CLONE_NEWNS) == 0 &&
+                     ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                     ::mount("file", "point", nullptr, MS_BIND, nullptr) == 0;
+    ::_exit(own && !write_new("point") && read_file("file") == "new" ? 0 : 1);
+  };
+  EXPECT_EXIT(write_mounted(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(read_file("file") + read_file("point"), "newold");
+}
+
 // ---- Upgrades of an old tree by the real program ----
 
 /// A product, and what an older one installed. With links, files have two names.
@@ -172,8 +194,8 @@ struct Upgrade : ::testing::Test {
     new_states = states();
   }
   static void complete() { run({"-automate"}, {}, Via::Pipe, {.name = "./installer"}); }
-  /// Every file is old or new, and the next run leaves all of them new.
-  void expect_old_or_new(const std::string &after) {
+  /// Every file is old or new, and the next run, if there is one, leaves all of them new.
+  void expect_old_or_new(const std::string &after, bool again = true) {
     bool is_old = false, is_new = false;
     for (const auto &[path, state] : states()) {
       if (path.ends_with(".installer-new")) continue;
@@ -181,6 +203,7 @@ struct Upgrade : ::testing::Test {
       (state == old_states[path] ? is_old : is_new) = true;
     }
     mixed += is_old && is_new ? 1 : 0;
+    if (!again) return;
     complete();
     ASSERT_EQ(states(), new_states) << after;
   }
@@ -228,7 +251,7 @@ TEST_F(Upgrade, KilledAtRandomMoments) {
     const unsigned delay = static_cast<unsigned>(random()) % most;
     if (n == 0) write_upgrade();
     kill_after(delay);
-    expect_old_or_new(" killed after " + std::to_string(delay) + " us");
+    expect_old_or_new(" killed after " + std::to_string(delay) + " us", n % 5 == 0);
     if (HasFatalFailure()) return;
   }
   EXPECT_GT(mixed, kills / 50);
