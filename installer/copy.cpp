@@ -256,7 +256,8 @@ void copy_processpaths(pCopy x, std::int32_t index) {
   if (command.not_ == "-") command.not_.reset();
   if (Text source = replace_vars(x, text_of(command.source), &command.empty_setting))
     command.source = std::move(source);
-  if (Text dest = replace_vars(x, text_of(command.dest))) command.dest = std::move(dest);
+  if (Text dest = replace_vars(x, text_of(command.dest), &command.empty_dest))
+    command.dest = std::move(dest);
 }
 
 void cerror(const char *format, ...) {

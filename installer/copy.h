@@ -13,6 +13,7 @@
 #include "installer/log.h"
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -40,9 +41,9 @@ enum class CType : std::uint32_t {
 
 /// One command. `source`, `dest`: the operands, what they mean depends on the type; `not_`: names
 /// that are left out (patterns; null for none); `control`, `control_cmp`: when it runs (see
-/// `copy_do`); `empty_setting`: a setting whose reference in `source` was replaced by nothing;
-/// `cut`: one of these may not be whole, for the line was too long; `line`: where it stands in the
-/// file, from 1.
+/// `copy_do`); `empty_setting` and `empty_dest`: a setting whose reference in `source` or `dest`
+/// was replaced by nothing; `cut`: one of these may not be whole, for the line was too long;
+/// `line`: where it stands in the file, from 1.
 struct copy_cmd {
   Text source;
   Text dest;
@@ -51,6 +52,7 @@ struct copy_cmd {
   Text control_cmp;
   CType type = static_cast<CType>(0);
   Text empty_setting;
+  Text empty_dest;
   bool cut = false;
   std::size_t line = 0;
 };
@@ -102,11 +104,21 @@ struct CopyCommand {
 /// What the field `source` of such a command means.
 [[nodiscard]] Operand source_operand(const CopyCommand &command);
 
-/// A loaded section: the commands in file order, and the store (not owned).
+/// Who follows a run: `begins` is called before the first line about a command is logged, `event`
+/// for each thing that it does or fails to do, `ends` with its result. All three are set.
+struct CopyWatch {
+  std::function<void(std::uint32_t index)> begins;
+  FileSink event;
+  std::function<void(std::uint32_t index, int result)> ends;
+};
+
+/// A loaded section: the commands in file order, the store, and the watch, which may be null (not
+/// owned).
 struct copy {
   std::vector<CCmd> list;
   Ini ini = nullptr;
   std::uint32_t count = 0;
+  const CopyWatch *watch = nullptr;
 };
 using pCopy = copy *;
 

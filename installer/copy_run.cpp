@@ -1,10 +1,15 @@
 #include "installer/copy.h"
 
+#include "installer/links.h"
 #include "installer/log.h"
+#include "installer/replace.h"
 
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
+
+#include <fcntl.h>
 
 namespace installer {
 
@@ -15,71 +20,110 @@ constexpr std::size_t OperandSize = 1000;
 
 Text last_error;
 
-/// An operand that was split into a directory and a pattern.
+const FileSink *sink_of(pCopy x) { return x->watch != nullptr ? &x->watch->event : nullptr; }
+
+/// An operand, split into a directory and a pattern (empty for none).
 struct Operands {
-  char path[PathSize];
-  char file[PathSize];
+  std::string path;
+  std::string file;
 };
 
-/// False, logged, when a part of the operand was cut on its way into `Operands`.
-bool fits(const char *operand) {
-  const char *separator = last_separator(operand);
-  const char *pattern = separator != nullptr ? separator + 1 : operand;
-  if (static_cast<std::size_t>(pattern - operand) < PathSize && std::strlen(pattern) < PathSize)
-    return true;
-  errno = ENAMETOOLONG;
-  cerror("Path too long in '%s'", operand);
+/// Splits one with the accessors of its field, uncut. False when there is nothing to split.
+template <auto path_of, auto file_of>
+bool split(pCopy x, std::uint32_t index, const char *operand, Operands &parts) {
+  if (operand == nullptr) return false;
+  std::string buffer(std::strlen(operand) + PathSize, '\0');
+  path_of(x, index, buffer.data(), buffer.size());
+  parts.path = buffer.c_str();
+  const char *file = file_of(x, index, buffer.data(), buffer.size());
+  parts.file = or_empty(file);
+  return file != nullptr;
+}
+
+/// False, told, when a part has no room where paths are built.
+bool has_room(pCopy x, const Operands &parts, const char *operand) {
+  if (parts.path.size() < PathSize && parts.file.size() < PathSize) return true;
+  file_failure(sink_of(x), "cannot reach", operand, {ENAMETOOLONG}, "Path too long in '%s'",
+               operand);
   return false;
 }
 
-/// False, logged: the operand does not fit, or it reaches further than the packager can have meant.
+/// False, told, when a reference in the operand was replaced by nothing.
+bool not_emptied(pCopy x, const Text &setting, const char *operand) {
+  if (!setting) return true;
+  file_failure(sink_of(x), "an emptied setting, nothing done", operand, {},
+               "Setting '%s' is empty, nothing done for '%s'", text_of(setting), operand);
+  return false;
+}
+
+/// False, told: the operand does not fit, or it reaches further than the packager can have meant.
 bool split_source(pCopy x, std::uint32_t index, Operands &source) {
-  if (copy_src_path(x, index, source.path, sizeof source.path) == nullptr) return false;
-  copy_src_file(x, index, source.file, sizeof source.file);
-  if (!fits(copy_src(x, index))) return false;
+  const char *operand = copy_src(x, index);
+  if (!split<copy_src_path, copy_src_file>(x, index, operand, source)) return false;
+  if (!has_room(x, source, operand)) return false;
   const CCmd &command = x->list[index];
-  if (source_operand(copy_command(command.type)) != Operand::Bounded) return true;
-  if (command.empty_setting) {
-    cerror("Setting '%s' is empty, nothing done for '%s'", text_of(command.empty_setting),
-           copy_src(x, index));
+  if (source_operand(copy_command(command.type)) == Operand::Bounded &&
+      !not_emptied(x, command.empty_setting, operand))
     return false;
-  }
-  if (has_wildcard(source.file) && same_file(source.path, "/") != 0) {
-    cerror("'%s' reaches all of the root directory, nothing done", copy_src(x, index));
-    return false;
-  }
-  return true;
+  if (!has_wildcard(source.file.c_str()) || !same_file(source.path.c_str(), "/")) return true;
+  file_failure(sink_of(x), "reaches all of the root directory, nothing done", operand, {},
+               "'%s' reaches all of the root directory, nothing done", operand);
+  return false;
+}
+
+void report_nothing(pCopy x, std::uint32_t index) {
+  file_event(sink_of(x), {FileResult::Nothing, "nothing matches", copy_src(x, index), {}});
 }
 
 // ---- Copying and removing ----
 
-bool excluded(File entry, const char *exclude) {
-  return wild_ilist(entry_name(*entry), exclude) != 0;
+/// At the top, names are compared without case.
+bool excluded(const char *name, const char *exclude) { return wild_ilist(name, exclude) != 0; }
+
+/// The sink of a walk at the top. `copies`: what is missed is a failed copy; but the directory that
+/// was named is not.
+MissedSink missed_at_top(pCopy x, std::uint32_t index, bool copies) {
+  return [=](const Missed &missed) {
+    if (!excluded(missed.name, copy_not(x, index)))
+      file_missed(sink_of(x), missed, copies && !missed.opening);
+  };
 }
 
-/// The directories that match the destination; empty also when it has no pattern.
+/// The directories that match the destination; told when there is none, as when it has no pattern.
 std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
   std::vector<std::string> found;
+  Cause cause;
   Operands dest;
-  if (copy_dst_path(x, index, dest.path, sizeof dest.path) == nullptr) return found;
-  if (copy_dst_file(x, index, dest.file, sizeof dest.file) == nullptr) return found;
-  if (!fits(copy_dst(x, index))) return found;
-  for (File entry : Entries{dest.path, dest.file})
-    if (is_dir(*entry) && !excluded(entry, copy_not(x, index))) found.emplace_back(entry->name);
+  const char *operand = copy_dst(x, index);
+  if (split<copy_dst_path, copy_dst_file>(x, index, operand, dest)) {
+    if (has_room(x, dest, operand)) {
+      Entries entries{dest.path.c_str(), dest.file.c_str(), missed_at_top(x, index, false)};
+      for (File entry : entries)
+        if (is_dir(*entry) && !excluded(entry_name(*entry), copy_not(x, index)))
+          found.emplace_back(entry->name);
+      cause = entries.cause();
+    } else {
+      cause = {ENAMETOOLONG};
+    }
+  }
+  if (found.empty())
+    file_failure(sink_of(x), "no directory to copy to", operand, cause,
+                 "No destination directories found");
   return found;
 }
 
-int copy_into(pCopy x, std::uint32_t index, const Operands &source, const char *into,
-              std::uint64_t *bytes) {
-  const char *exclude = copy_not(x, index);
+int copy_into(pCopy x, std::uint32_t index, Copying &copying, const Operands &source,
+              const Target &into) {
   const bool trees = x->list[index].type == CType::CpyDir;
-  Entries entries{source.path, source.file, Walk::Copies};
-  if (!entries) imsg("No files found to copy in '%s' matching '%s'", source.path, source.file);
+  const char *path = source.path.c_str();
+  Entries entries{path, source.file.c_str(), missed_at_top(x, index, true)};
+  if (!entries) imsg("No files found to copy in '%s' matching '%s'", path, source.file.c_str());
+  if (!entries) report_nothing(x, index);
   int count = 0;
   for (File entry : entries) {
-    if (excluded(entry, exclude)) continue;
-    if (!is_dir(*entry)) count += file_copy_entry(entry, into, bytes);
-    else if (trees) count += file_xcopy_entry(entry, exclude, into, bytes);
+    if (excluded(entry_name(*entry), copying.exclude)) continue;
+    if (!is_dir(*entry)) count += file_copy_entry(copying, *entry, into);
+    else if (trees) count += file_xcopy_entry(copying, *entry, into);
   }
   return count;
 }
@@ -101,8 +145,18 @@ void log_listing(const Entries &entries, const char *exclude, const ChangeWords 
   else dmsg("Found files to %s, doing all of them", words.verb);
 }
 
+/// Here whole paths are compared.
+MissedSink missed_change(const char *exclude, const FileSink *sink) {
+  return [=](const Missed &missed) {
+    const std::string path = std::string{missed.path} + Sep + or_empty(missed.name);
+    if (missed.name == nullptr || wild_ilist(path.c_str(), exclude) == 0)
+      file_missed(sink, missed, false);
+  };
+}
+
 template <class Change>
-int change_each(Entries entries, const char *exclude, const ChangeWords &words, Change change) {
+int change_each(Entries entries, const char *exclude, const ChangeWords &words,
+                const FileSink *sink, Change change) {
   log_listing(entries, exclude, words);
   int count = 0;
   for (File entry : entries) {
@@ -110,7 +164,9 @@ int change_each(Entries entries, const char *exclude, const ChangeWords &words, 
       dmsg("Not %s '%s'", words.not_doing, entry->name);
       continue;
     }
-    if (is_dir(*entry)) count += change_each(Entries{*entry}, exclude, words, change);
+    if (is_dir(*entry))
+      count +=
+          change_each(Entries{*entry, missed_change(exclude, sink)}, exclude, words, sink, change);
     if (change(entry) == 0) {
       dmsg("file_%s failed", words.verb);
       break;
@@ -121,7 +177,28 @@ int change_each(Entries entries, const char *exclude, const ChangeWords &words, 
   return count;
 }
 
+int change_owners(const char *path, const char *file, const char *exclude, const FileSink *sink,
+                  ::uid_t uid, ::gid_t gid) {
+  return change_each(Entries{path, file, missed_change(exclude, sink)}, exclude, chown_words, sink,
+                     [=](File entry) { return file_chown(entry, uid, gid, sink); });
+}
+
+int change_modes(const char *path, const char *file, const char *exclude, const FileSink *sink,
+                 ::mode_t mode) {
+  return change_each(Entries{path, file, missed_change(exclude, sink)}, exclude, chmod_words, sink,
+                     [=](File entry) { return file_chmod(entry, mode, sink); });
+}
+
 // ---- Settings files ----
+
+/// A text file, through trusted links.
+Stream open_text(const char *path, Cause &cause) {
+  Descriptor fd = open_trusted(or_empty(path), O_RDONLY, Allow::Plain, 0, cause);
+  Stream in{fd ? ::fdopen(fd.get(), "r") : nullptr};
+  if (in) fd.release();
+  else if (!cause) cause = last_cause();
+  return in;
+}
 
 /// Writes one template line: expanded and without its indentation when it holds a reference, else
 /// as it stands.
@@ -131,30 +208,43 @@ bool write_template_line(pCopy x, char *piece, std::FILE *out) {
   return std::fputs(expanded ? expanded->c_str() : piece, out) >= 0 && std::fputc('\n', out) >= 0;
 }
 
-/// False, with errno set, when the template cannot be read to its end or holds a zero byte, behind
+/// Why the template cannot be used: it cannot be read to its end, or holds a zero byte, behind
 /// which a line would be lost. What is read next is the first line.
-bool is_text(std::FILE *in, char (&piece)[TemplateLineSize]) {
+Cause try_template(std::FILE *in) {
+  char piece[TemplateLineSize];
   std::size_t size = 0;
   do size = read_piece(in, piece, sizeof piece);
   while (size > 0 && std::strlen(piece) == size);
-  if (size > 0) errno = EILSEQ;
-  else if (std::ferror(in) == 0) return std::fseek(in, 0, SEEK_SET) == 0;
-  return false;
+  if (size > 0) return ZeroByte;
+  const bool good = std::ferror(in) == 0 && std::fseek(in, 0, SEEK_SET) == 0;
+  return good ? Cause{} : last_cause();
 }
 
-/// Writes `piece` and all further lines of the template. 0 when either file fails; a failure to
-/// write is logged.
-int write_lines(pCopy x, std::uint32_t index, std::FILE *in, Stream out,
-                char (&piece)[TemplateLineSize], std::size_t size) {
+/// Why the template could not be read to its end. Failures to write stay with the stream.
+Cause write_lines(pCopy x, std::FILE *in, std::FILE *out) {
+  char piece[TemplateLineSize];
   bool written = true;
-  while (size > 0 && written) {
-    written = write_template_line(x, piece, out.get());
-    size = read_piece(in, piece, sizeof piece);
-  }
-  const bool read_all = std::ferror(in) == 0;
-  if (finish(std::move(out))) return read_all ? 1 : 0;
-  cerror("Error writing ini file '%s'", copy_dst(x, index));
-  return 0;
+  while (written && read_piece(in, piece, sizeof piece) > 0)
+    written = write_template_line(x, piece, out);
+  return std::ferror(in) == 0 ? Cause{} : last_cause();
+}
+
+/// Fills the template into the target, which is open.
+int fill_template(pCopy x, std::uint32_t index, std::FILE *in, Replacement &target) {
+  const char *dest = copy_dst(x, index);
+  Stream out = target.stream();
+  if (!out)
+    return file_failure(sink_of(x), "cannot write", dest, target.cause(),
+                        "Error creating ini file '%s'", dest);
+  imsg("Writing INI file '%s' to '%s'", copy_src(x, index), dest);
+  const Cause unread = write_lines(x, in, out.get());
+  Cause cause;
+  if (!finish(std::move(out))) cause = last_cause();
+  if (unread)
+    file_event(sink_of(x), {FileResult::Failed, "cannot read", copy_src(x, index), unread});
+  else if (!cause && !target.commit()) cause = target.cause();
+  if (!cause) return unread ? 0 : 1;
+  return file_failure(sink_of(x), "cannot write", dest, cause, "Error writing ini file '%s'", dest);
 }
 
 // ---- Running ----
@@ -167,10 +257,23 @@ bool gate_open(pCopy x, std::uint32_t index) {
   return compare != nullptr ? s_stricmp(compare, control) == 0 : istrue(control) != 0;
 }
 
-int out_of_memory(pCopy x, std::uint32_t index) {
-  errno = ENOMEM;
-  cerror("Command failed for '%s'", copy_src(x, index));
-  return 0;
+/// False, told, when an operand of a `Rename` reaches further than the packager can have meant.
+bool may_rename(pCopy x, const Text &emptied, const char *operand) {
+  if (!not_emptied(x, emptied, operand)) return false;
+  if (!same_file(operand, "/")) return true;
+  file_failure(sink_of(x), "the root directory, nothing done", operand, {},
+               "'%s' is the root directory, nothing done", operand);
+  return false;
+}
+
+int run_told(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
+  if (x->watch != nullptr) x->watch->begins(index);
+  dmsg("Processing [%d:%s->%s,%s,%s,%s]", static_cast<int>(x->list[index].type),
+       or_empty(copy_src(x, index)), or_empty(copy_dst(x, index)), or_empty(copy_not(x, index)),
+       or_empty(copy_control(x, index)), or_empty(copy_control_cmp(x, index)));
+  const int result = copy_do(x, index, bytes);
+  if (x->watch != nullptr) x->watch->ends(index, result);
+  return result;
 }
 
 } // namespace
@@ -181,12 +284,7 @@ int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_o
   if (files != nullptr) *files = 0;
   imsg("Processing copy script...");
   for (std::uint32_t index = 0; index < copy_count(x); ++index) {
-    dmsg("Processing [%d:%s->%s,%s,%s,%s]", static_cast<int>(x->list[index].type),
-         or_empty(copy_src(x, index)), or_empty(copy_dst(x, index)), or_empty(copy_not(x, index)),
-         or_empty(copy_control(x, index)), or_empty(copy_control_cmp(x, index)));
-    // What an earlier command left in errno is no reason of this one's failure.
-    errno = 0;
-    const int result = copy_do(x, index, bytes);
+    const int result = run_told(x, index, bytes);
     if (result == 0 && stop_on_fail != 0) {
       imsg("Stop on fail set, stopping...");
       return 0;
@@ -201,8 +299,9 @@ int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_o
 int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   if (index >= copy_count(x)) return 0;
   if (x->list[index].cut) {
-    cerror("Line too long, nothing done for '%s'", or_empty(copy_src(x, index)));
-    return 0;
+    const char *source = or_empty(copy_src(x, index));
+    return file_failure(sink_of(x), "line too long, nothing done", source, {},
+                        "Line too long, nothing done for '%s'", source);
   }
   if (!gate_open(x, index)) {
     dmsg("Doing nothing due to controlling setting");
@@ -211,7 +310,8 @@ int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   try {
     return copy_command(x->list[index].type).run(x, index, bytes);
   } catch (const std::bad_alloc &) {
-    return out_of_memory(x, index);
+    return file_failure(sink_of(x), "cannot be done", copy_src(x, index), {ENOMEM},
+                        "Command failed for '%s'", copy_src(x, index));
   }
 }
 
@@ -219,15 +319,11 @@ int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   Operands source;
   if (!split_source(x, index, source)) return 0;
   const std::vector<std::string> destinations = find_destinations(x, index);
-  if (destinations.empty()) {
-    cerror("No destination directories found");
-    return 0;
-  }
-  Filling filling;
-  for (const std::string &directory : destinations) filling.add(directory.c_str());
+  Copying copying{.exclude = copy_not(x, index), .bytes = bytes, .sink = sink_of(x)};
+  for (const std::string &directory : destinations) copying.fill(directory.c_str());
   int count = 0;
   for (const std::string &directory : destinations)
-    count += copy_into(x, index, source, directory.c_str(), bytes);
+    count += copy_into(x, index, copying, source, open_target(directory.c_str()));
   return count;
 }
 
@@ -236,16 +332,20 @@ int copy_remove(pCopy x, std::uint32_t index) {
   if (!split_source(x, index, source)) return 0;
   const char *exclude = copy_not(x, index);
   const bool trees = x->list[index].type == CType::RmDir;
+  Entries entries{source.path.c_str(), source.file.c_str(), missed_at_top(x, index, false)};
+  if (!entries) report_nothing(x, index);
   int count = 0;
-  for (File entry : Entries{source.path, source.file}) {
-    if (excluded(entry, exclude)) continue;
-    if (!is_dir(*entry)) count += file_remove_entry(entry);
-    else if (trees) count += file_rmdir_entry(entry, exclude);
+  for (File entry : entries) {
+    if (excluded(entry_name(*entry), exclude)) continue;
+    if (!is_dir(*entry)) count += file_remove_entry(*entry, sink_of(x));
+    else if (trees) count += file_rmdir_entry(*entry, exclude, sink_of(x));
   }
   return count;
 }
 
-int copy_mkdir(pCopy x, std::uint32_t index) { return file_mkdir(copy_src(x, index), 1); }
+int copy_mkdir(pCopy x, std::uint32_t index) {
+  return index < copy_count(x) ? file_mkdir(copy_src(x, index), 1, sink_of(x)) : 0;
+}
 
 int copy_chown(pCopy x, std::uint32_t index) {
   Operands source;
@@ -259,7 +359,10 @@ int copy_chown(pCopy x, std::uint32_t index) {
   dmsg("Found user id for '%s'=%d", owner, static_cast<int>(uid));
   const ::gid_t gid = file_getgid(group);
   dmsg("Found group id for '%s'=%d", group, static_cast<int>(gid));
-  return dochown(source.path, source.file, copy_not(x, index), uid, gid);
+  if (uid == static_cast<::uid_t>(-1))
+    file_event(sink_of(x), {FileResult::Failed, "no such user", owner, {}});
+  return change_owners(source.path.c_str(), source.file.c_str(), copy_not(x, index), sink_of(x),
+                       uid, gid);
 }
 
 int copy_chmod(pCopy x, std::uint32_t index) {
@@ -270,54 +373,59 @@ int copy_chmod(pCopy x, std::uint32_t index) {
   std::uint32_t mode = 0;
   for (const char *c = digits; *c != '\0'; ++c)
     mode = mode * 8 + static_cast<std::uint32_t>(*c - '0');
-  return dochmod(source.path, source.file, copy_not(x, index), mode);
+  return change_modes(source.path.c_str(), source.file.c_str(), copy_not(x, index), sink_of(x),
+                      mode);
 }
 
 int dochown(const char *path, const char *file, const char *exclude, ::uid_t uid, ::gid_t gid) {
-  return change_each(Entries{path, file}, exclude, chown_words,
-                     [=](File entry) { return file_chown(entry, uid, gid); });
+  return change_owners(path, file, exclude, nullptr, uid, gid);
 }
 
 int dochmod(const char *path, const char *file, const char *exclude, ::mode_t mode) {
-  return change_each(Entries{path, file}, exclude, chmod_words,
-                     [=](File entry) { return file_chmod(entry, mode); });
+  return change_modes(path, file, exclude, nullptr, mode);
 }
 
 int copy_write_ini(pCopy x, std::uint32_t index) {
+  if (index >= copy_count(x)) return 0;
   const char *source = copy_src(x, index);
-  const char *dest = copy_dst(x, index);
-  const Stream in{s_fopen(source, "r")};
-  char piece[TemplateLineSize];
-  // The whole is tried before the target is emptied.
-  const bool good = in && is_text(in.get(), piece);
-  const std::size_t size = good ? read_piece(in.get(), piece, sizeof piece) : 0;
-  if (!good || std::ferror(in.get()) != 0) {
-    if (index < copy_count(x)) cerror("Error reading ini file '%s'", source);
-    return 0;
-  }
-  const bool onto_itself = same_file(source, dest) != 0;
-  Stream out{onto_itself ? nullptr : s_fopen(dest, "w")};
-  if (!out) {
-    if (onto_itself) errno = EINVAL;
-    cerror("Error creating ini file '%s'", dest);
-    return 0;
-  }
-  imsg("Writing INI file '%s' to '%s'", source, dest);
-  return write_lines(x, index, in.get(), std::move(out), piece, size);
+  const char *dest = or_empty(copy_dst(x, index));
+  Cause cause;
+  const Stream in = open_text(source, cause);
+  // The whole is tried before the target is touched.
+  if (in) cause = try_template(in.get());
+  if (cause)
+    return file_failure(sink_of(x), "cannot read", source, cause, "Error reading ini file '%s'",
+                        source);
+  Replacement target{dest, AT_FDCWD, ::fileno(in.get())};
+  if (target) return fill_template(x, index, in.get(), target);
+  cause = target.same() ? Cause{EINVAL} : target.cause();
+  return file_failure(sink_of(x), "cannot write", dest, cause, "Error creating ini file '%s'",
+                      dest);
 }
 
 int copy_rename(pCopy x, std::uint32_t index) {
   if (index >= copy_count(x)) return 0;
+  const CCmd &command = x->list[index];
   const char *source = or_empty(copy_src(x, index));
   const char *dest = or_empty(copy_dst(x, index));
-  if (std::rename(source, dest) == 0) return 1;
-  cerror("Error renaming '%s'->'%s', %s", source, dest, std::strerror(errno));
-  return 0;
+  if (!may_rename(x, command.empty_setting, source)) return 0;
+  if (!may_rename(x, command.empty_dest, dest)) return 0;
+  const Spot from = find_place(AT_FDCWD, source);
+  const Spot to = find_place(AT_FDCWD, dest);
+  Cause cause = from.cause ? from.cause : to.cause;
+  if (!cause && ::renameat(from.at(), from.name.c_str(), to.at(), to.name.c_str()) == 0) return 1;
+  if (!cause) cause = last_cause();
+  return file_failure(sink_of(x), "cannot rename", source, cause, "Error renaming '%s'->'%s', %s",
+                      source, dest, cause_text(cause));
 }
 
 int copy_exist(pCopy x, std::uint32_t index) {
   if (index >= copy_count(x)) return 0;
-  const char *found = file_exist(copy_src(x, index)) != 0 ? "true" : "false";
+  const char *path = copy_src(x, index);
+  Cause cause;
+  const char *found = file_exist(path, &cause) != 0 ? "true" : "false";
+  if (cause.number == ENAMETOOLONG)
+    file_failure(sink_of(x), "cannot test", path, cause, "Failed to test (%s)", path);
   ini_add_name(x->ini, copy_dst(x, index), found);
   return 1;
 }
@@ -326,24 +434,28 @@ int copy_seterror(pCopy x, std::uint32_t index) {
   if (index >= copy_count(x)) return 0;
   if (isfalse(ini_value_name(x->ini, copy_src(x, index))) == 0) return 1;
   last_error = x->list[index].dest;
+  file_event(sink_of(x), {FileResult::Failed, copy_error(), nullptr, {}});
   return 0;
 }
 
 int copy_wfile(pCopy x, std::uint32_t index) {
   if (index >= copy_count(x)) return 0;
-  const char *file = copy_src(x, index);
-  if (write_text(file, or_empty(ini_value_or_text(x->ini, copy_dst(x, index)))) != 0) return 1;
-  cerror("Failed to write (%s)", file);
-  return 0;
+  const char *path = or_empty(copy_src(x, index));
+  const Cause cause =
+      write_text(path, [=] { return ini_value_or_text(x->ini, copy_dst(x, index)); });
+  if (!cause) return 1;
+  return file_failure(sink_of(x), "cannot write", path, cause, "Failed to write (%s)", path);
 }
 
 int copy_rfile(pCopy x, std::uint32_t index) {
   if (index >= copy_count(x)) return 0;
+  const char *path = or_empty(copy_src(x, index));
   std::string text;
-  if (read_text(copy_src(x, index), text) == 0) {
-    cerror("Failed to read (%s)", copy_src(x, index));
-    return 0;
-  }
+  Cause cause;
+  const Stream in = open_text(path, cause);
+  if (in) cause = read_text(in.get(), text);
+  if (cause)
+    return file_failure(sink_of(x), "cannot read", path, cause, "Failed to read (%s)", path);
   if (!text.empty()) ini_add_name(x->ini, copy_dst(x, index), text.c_str());
   return 1;
 }

@@ -1,372 +1,228 @@
 #include "installer/file.h"
 
+#include "installer/file_parts.h"
+#include "installer/links.h"
 #include "installer/log.h"
 
 #include <algorithm>
 #include <cstring>
-#include <set>
-#include <utility>
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace installer {
 
-/// A path, and how to reach what it names: `name` relative to the open directory `dir`.
-struct Place {
-  const char *path;
-  const char *name;
-  int dir = AT_FDCWD;
-  bool regular = false; // a listing said so
-  bool follow = true;   // a directory may be reached through a link
-
-  [[nodiscard]] Entries list(const char *wild, Walk walk) const { return {*this, wild, walk}; }
-};
-
 namespace {
 
-/// The unit in which copied bytes are counted.
-constexpr std::size_t ChunkSize = 8192;
-/// What one read or write takes: many chunks, for a system call costs as much as copying several.
-/// Twice as many make kernels use larger pieces of memory, which are slower to get than they save.
-constexpr std::size_t BlockSize = 8 * ChunkSize;
 constexpr ::mode_t DirectoryPermissions = 0775;
-constexpr ::mode_t FilePermissions = 0666;
 constexpr ::mode_t PermissionBits = 07777;
+
+constexpr Cause LinkToRoot = {EPERM, "it is a link to the root directory"};
 
 FileCallback ok = nullptr;
 FileCallback fail = nullptr;
 
-/// Device and inode of the directories that the running copy made or fills.
-std::set<std::pair<::dev_t, ::ino_t>> filled;
-int fillings = 0;
-
-void call(FileCallback callback, const char *src, const char *dst, int mode) {
+/// The one place where errno is set for the callbacks.
+void call(FileCallback callback, const char *src, const char *dst, int mode, const Cause &cause) {
+  errno = cause.number;
   if (callback != nullptr) callback(src, dst, mode);
 }
 
-Place by_path(const char *path) { return {path, path}; }
+// ---- Directories ----
 
-Place by_entry(const file &x) {
-  return {x.name, x.name + x.entry, x.dir, S_ISREG(x.info.st_mode), false};
-}
-
-// ---- Enumeration ----
-
-bool open_handle(xfilehandle &h, const Place &place, const char *wild) {
-  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (place.follow ? 0 : O_NOFOLLOW);
-  Descriptor fd{::openat(place.dir, place.name, flags)};
-  if (fd) h.handle.reset(::fdopendir(fd.get()));
-  if (!h.handle) {
-    file_error("Error opening dir '%s'", place.path);
-    return false;
-  }
-  fd.release();
-  h.path = place.path;
-  h.wild = wild;
-  h.literal = !has_wildcard(wild);
-  return true;
-}
-
-void report_unlisted(xfilehandle &h, const char *name) {
-  h.incomplete = true;
-  if (h.report) call(fail, name, nullptr, 1);
-}
-
-/// The next name that may match, with its type if the listing knows it; null at the end.
-const char *next_name(xfilehandle &h, ::mode_t &type) {
-  type = 0;
-  if (h.literal) {
-    if (h.done || h.wild.find(Sep) != std::string::npos) return nullptr;
-    h.done = true;
-    return h.wild.c_str();
-  }
-  errno = 0;
-  const struct ::dirent *listed = ::readdir(h.handle.get());
-  if (listed != nullptr) {
-    type = static_cast<::mode_t>(DTTOIF(listed->d_type));
-    return listed->d_name;
-  }
-  if (errno != 0) {
-    file_error("Error reading dir '%s'", h.path.c_str());
-    report_unlisted(h, h.path.c_str());
-  }
-  return nullptr;
-}
-
-/// Fills `x` from the entry `name`. False: it is not there (any more) or its path does not fit.
-bool take_entry(file &x, xfilehandle &h, const char *name, ::mode_t type) {
-  file found;
-  found.dir = ::dirfd(h.handle.get());
-  found.info.st_mode = type;
-  if (type == 0 && ::fstatat(found.dir, name, &found.info, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  if (join_path(found.name, sizeof found.name, h.path.c_str(), name) == 0) {
-    file_error("Error listing '%s' in '%s'", name, h.path.c_str());
-    report_unlisted(h, name);
-    return false;
-  }
-  found.entry = static_cast<std::uint32_t>(std::strlen(found.name) - std::strlen(name));
-  if (h.status && file_stat(&found) == 0) return false;
-  x = std::move(found);
-  return true;
-}
-
-bool is_dots(const char *name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-// ---- Copying ----
-
-Descriptor open_source(const Place &src) {
-  if (!src.regular) return open_file(src.dir, src.name, O_RDONLY, Allow::Plain);
-  // No status call for what the listing called a regular file; should it have been replaced since,
-  // these flags neither block nor follow, and `still_plain` finds out.
-  const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
-  return Descriptor{::openat(src.dir, src.name, flags)};
-}
-
-/// False, with errno set, when what was opened is no plain file. A pipe has no first byte and a
-/// device no last one, so that only an empty or a full first block needs to be asked about.
-bool still_plain(const Descriptor &source) {
-  struct ::stat info = {};
-  return ::fstat(source.get(), &info) == 0 && admitted(info, Allow::Plain);
-}
-
-/// Opens the destination for writing. A new file is the usual case; only an existing one can be
-/// the source itself (then `same`, and nothing is opened) or unfit.
-Descriptor open_target(const char *dst, int source, bool &same) {
-  Descriptor out{::open(dst, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FilePermissions)};
-  if (out || errno != EEXIST) return out;
-  struct ::stat source_info = {};
-  struct ::stat info = {};
-  const bool exists = ::stat(dst, &info) == 0;
-  same = exists && ::fstat(source, &source_info) == 0 && same_inode(info, source_info);
-  if (same) return out;
-  return open_known(AT_FDCWD, dst, exists ? &info : nullptr, O_WRONLY | O_CREAT | O_TRUNC,
-                    Allow::Target);
-}
-
-/// Reads until the block is full, the file ends or reading fails; the bytes read.
-std::size_t fill_block(int fd, char *block, bool &failed) {
-  std::size_t used = 0;
-  while (used < BlockSize) {
-    const ::ssize_t count = ::read(fd, block + used, BlockSize - used);
-    failed = count < 0;
-    if (count <= 0) break;
-    used += static_cast<std::size_t>(count);
-  }
-  return used;
-}
-
-/// The bytes written, fewer than `size` when writing fails.
-std::size_t write_block(int fd, const char *block, std::size_t size) {
-  std::size_t written = 0;
-  while (written < size) {
-    const ::ssize_t count = ::write(fd, block + written, size - written);
-    if (count <= 0) break;
-    written += static_cast<std::size_t>(count);
-  }
-  return written;
-}
-
-int read_failed(const Place &src) {
-  file_error("Error reading from '%s'", src.path);
-  return 0;
-}
-
-int write_failed(const char *dst) {
-  file_error("Error writing to '%s'", dst);
-  return 0;
-}
-
-/// Writes the first block, `size` bytes that have been read, and all that follow.
-int copy_blocks(const Place &src, const Descriptor &in, const char *dst, Descriptor &out,
-                char *block, std::size_t size, std::uint64_t *bytes) {
-  bool failed = false;
-  while (size > 0) {
-    const std::size_t written = write_block(out.get(), block, size);
-    if (bytes != nullptr) *bytes += written == size ? size : written - written % ChunkSize;
-    if (written < size) return write_failed(dst);
-    if (failed || size < BlockSize) break;
-    size = fill_block(in.get(), block, failed);
-  }
-  if (failed) return read_failed(src);
-  return out.close() ? 1 : write_failed(dst);
-}
-
-int copy_contents(const Place &src, const char *dst, std::uint64_t *bytes) {
-  const Descriptor in = open_source(src);
-  if (!in) {
-    file_error("Error opening '%s' for read", src.path);
-    return 0;
-  }
-  char block[BlockSize];
-  bool failed = false;
-  const std::size_t size = fill_block(in.get(), block, failed);
-  if (failed) return read_failed(src);
-  if (src.regular && size % BlockSize == 0 && !still_plain(in)) {
-    file_error("Error opening '%s' for read", src.path);
-    return 0;
-  }
-  bool same = false;
-  Descriptor out = open_target(dst, in.get(), same);
-  if (same) {
-    imsg("'%s' and '%s' are the same file, nothing to copy", src.path, dst);
-    return 1;
-  }
-  if (!out) {
-    file_error("Error opening '%s' for write", dst);
-    return 0;
-  }
-  return copy_blocks(src, in, dst, out, block, size, bytes);
-}
-
-int copy_file(const Place &src, const char *dst, std::uint64_t *bytes) {
-  errno = 0;
-  const int copied = copy_contents(src, dst, bytes);
-  if (copied != 0) errno = 0;
-  call(copied != 0 ? ok : fail, src.path, dst, 1);
-  return copied;
-}
-
-/// The path of the entry in the directory `into`. 0, reported as a failed copy, when it does not
-/// fit.
-int target_path(const file &x, const char *into, char (&target)[PathSize]) {
-  if (join_path(target, sizeof target, into, entry_name(x)) != 0) return 1;
-  file_error("Error copying '%s' into '%s'", x.name, into);
-  call(fail, x.name, into, 1);
-  return 0;
-}
-
-void note_filled(const char *directory) {
-  const KeepErrno keep;
-  struct ::stat info = {};
-  if (::stat(directory, &info) == 0) filled.emplace(info.st_dev, info.st_ino);
-}
-
-bool is_filled(const file &x) {
-  struct ::stat info = {};
-  if (::fstatat(x.dir, x.name + x.entry, &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  return filled.contains({info.st_dev, info.st_ino});
-}
-
-/// Creates one level.
-bool make_level(const char *path) {
-  if (::mkdir(path, DirectoryPermissions) != 0) return false;
-  dmsg("Directory created '%s'", path);
-  if (fillings > 0) note_filled(path);
-  call(ok, path, nullptr, 1);
-  return true;
-}
-
-int failed_directory(const char *path) {
-  file_error("Error creating directory '%s'", path);
-  call(fail, path, nullptr, 1);
-  return 0;
-}
-
-/// Copies a directory's path. 0 for null, or, as a directory that cannot be created, when it does
-/// not fit.
-int take_path(const char *dir, char (&path)[PathSize]) {
-  if (dir == nullptr) return 0;
-  if (dir[scpy(path, dir, sizeof path)] == '\0') return 1;
-  errno = ENAMETOOLONG;
-  return failed_directory(dir);
+Cause make_level(Copying &c, const char *path) {
+  return make_level(c, find_spot(AT_FDCWD, path), path);
 }
 
 /// Where the first component of a path may end, behind a leading "/" or a drive.
-std::size_t first_end(const char *path) {
-  return std::min<std::size_t>(std::strlen(path), *path != '\0' && path[1] == ':' ? 3 : 1);
+std::size_t first_end(const std::string &path) {
+  return std::min<std::size_t>(path.size(), path.size() > 1 && path[1] == ':' ? 3 : 1);
 }
 
 /// Creates the missing parents of `path`. `cause`: why the first that could not be created was not.
-bool make_parents(char *path, int &cause) {
+bool make_parents(Copying &c, const std::string &path, Cause &cause) {
   bool created = false;
-  for (std::size_t i = first_end(path); path[i] != '\0'; ++i) {
+  for (std::size_t i = first_end(path); i < path.size(); ++i) {
     if (path[i] != Sep) continue;
-    path[i] = '\0';
-    if (make_level(path)) created = true;
-    else if (errno != EEXIST && cause == 0) cause = errno;
-    path[i] = Sep;
+    const Cause level = make_level(c, path.substr(0, i).c_str());
+    if (!level) created = true;
+    else if (level.number != EEXIST && !cause) cause = level;
   }
   return created;
 }
 
-/// file_mkdir for a path in which only "/" separates: an entry's name may hold a "\\".
-int make_directory(char *path, bool make_all) {
-  errno = 0;
-  bool parents = false;
-  bool there = make_level(path);
-  // Only then is a parent missing; trying them all each time would cost more than the directory.
-  if (!there && make_all && errno == ENOENT) {
-    int cause = 0;
-    parents = make_parents(path, cause);
-    there = make_level(path);
-    if (!there && errno == ENOENT && cause != 0) errno = cause;
-  }
-  // Something was created even where only some of the parents were, but not without a word.
-  if (!there && errno != EEXIST) return failed_directory(path) + static_cast<int>(parents);
-  errno = 0;
-  return 1;
-}
-
-int copy_tree(const Place &src, const char *wild, const char *exclude, char *dst, bool recurse,
-              std::uint64_t *bytes);
-
-int copy_directory(const file &x, const char *exclude, const char *into, bool recurse,
-                   std::uint64_t *bytes) {
-  if (recurse && is_filled(x)) {
-    imsg("'%s' is being copied to, not copied", x.name);
-    return 0;
-  }
-  char target[PathSize];
-  if (target_path(x, into, target) == 0) return 0;
-  if (!recurse) return make_directory(target, true);
-  return copy_tree(by_entry(x), "*", exclude, target, true, bytes);
-}
-
-int copy_tree(const Place &src, const char *wild, const char *exclude, char *dst, bool recurse,
-              std::uint64_t *bytes) {
-  Filling filling;
-  int count = 0;
-  if (file_exist(dst) == 0) {
-    if (make_directory(dst, true) == 0) return 0;
-    count = 1;
-  } else {
-    filling.add(dst);
-  }
-  for (File entry : src.list(wild, Walk::Copies)) {
-    if (wild_list(entry_name(*entry), exclude) != 0) continue;
-    if (is_dir(*entry)) count += copy_directory(*entry, exclude, dst, recurse, bytes);
-    else count += file_copy_entry(entry, dst, bytes);
-  }
-  return count;
-}
-
 // ---- Removal ----
 
-int remove_tree(const Place &dir, const char *exclude, bool recurse);
+struct Removing {
+  const char *exclude;
+  const FileSink *sink;
+};
 
-int remove_listed(const file &x, const char *exclude) {
-  const int removed = is_dir(x) ? remove_tree(by_entry(x), exclude, true)
-                                : static_cast<int>(::unlinkat(x.dir, entry_name(x), 0) == 0);
-  call(removed != 0 ? ok : fail, x.name, nullptr, 0);
+/// `kept`: an excluded entry stays below; `cause`: why the directory does.
+struct Removed {
+  int count = 0;
+  bool kept = false;
+  Cause cause;
+};
+
+Removed remove_tree(const Removing &r, const Place &dir, Entries *entries);
+
+void report_removed(const Removing &r, const char *path, const Removed &removed) {
+  if (!removed.cause) file_event(r.sink, {FileResult::Done, "removed", path, {}});
+  else if (removed.kept) file_event(r.sink, {FileResult::Kept, "kept", path, {}});
+  else file_event(r.sink, {FileResult::Failed, "cannot remove", path, removed.cause});
+  call(removed.cause ? fail : ok, path, nullptr, 0, removed.cause);
+}
+
+Removed remove_entry(const file &x) {
+  if (::unlinkat(x.dir, name_at(x), 0) == 0) return {1, false, {}};
+  return {0, false, last_cause()};
+}
+
+MissedSink missed_removal(const Removing &r) {
+  return [&r](const Missed &missed) {
+    if (!excluded_below(missed.name, r.exclude)) file_missed(r.sink, missed, false);
+  };
+}
+
+Removed remove_directory(const Removing &r, const file &x) {
+  Entries entries{x, missed_removal(r)};
+  return remove_tree(r, by_entry(x), &entries);
+}
+
+Removed remove_listed(const Removing &r, const file &x) {
+  if (!is_dir(x)) {
+    const Removed removed = remove_entry(x);
+    report_removed(r, x.name, removed);
+    return removed;
+  }
+  const Removed removed = remove_directory(r, x);
+  call(removed.count != 0 ? ok : fail, x.name, nullptr, 0, removed.cause);
   return removed;
 }
 
-int remove_tree(const Place &dir, const char *exclude, bool recurse) {
-  int count = 0;
-  if (recurse) {
-    for (File entry : dir.list("*", Walk::Types))
-      if (wild_list(entry_name(*entry), exclude) == 0) count += remove_listed(*entry, exclude);
+/// `entries`: null leaves what is in the directory.
+Removed remove_tree(const Removing &r, const Place &dir, Entries *entries) {
+  Removed all;
+  if (entries != nullptr) {
+    for (File entry : *entries) {
+      const bool keeps = excluded_below(entry_name(*entry), r.exclude);
+      const Removed removed = keeps ? Removed{0, true, {}} : remove_listed(r, *entry);
+      all.count += removed.count;
+      all.kept = all.kept || removed.kept;
+    }
   }
-  const bool removed = ::unlinkat(dir.dir, dir.name, AT_REMOVEDIR) == 0;
-  call(removed ? ok : fail, dir.path, nullptr, 0);
-  return count + static_cast<int>(removed);
+  if (::unlinkat(dir.dir, dir.name, AT_REMOVEDIR) == 0) ++all.count;
+  else all.cause = last_cause();
+  report_removed(r, dir.path, all);
+  return all;
+}
+
+// ---- Owners and modes ----
+
+/// Linux fchmodat2, which old kernels and C libraries do not have.
+constexpr long Fchmodat2 = 452;
+
+Cause change_mode(int dir, const char *name, ::mode_t mode, int follow) {
+  const int flags = follow != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  if (::syscall(Fchmodat2, dir, name, mode, flags) == 0) return {};
+  // EPERM also comes from a sandbox that does not know the call.
+  if (errno != ENOSYS && errno != EPERM) return last_cause();
+  return ::fchmodat(dir, name, mode, flags) == 0 ? Cause{} : last_cause();
+}
+
+/// A link that took the entry's place must not become the new owner's: it would be trusted.
+Cause change_owner(int dir, const char *name, ::uid_t uid, ::gid_t gid, int follow) {
+  const Descriptor fd{::openat(dir, name, O_PATH | O_CLOEXEC | follow)};
+  struct ::stat info = {};
+  if (!fd || ::fstat(fd.get(), &info) != 0) return last_cause();
+  if (S_ISLNK(info.st_mode)) return UntrustedLink;
+  return ::fchownat(fd.get(), "", uid, gid, AT_EMPTY_PATH) == 0 ? Cause{} : last_cause();
+}
+
+bool is_root(const struct ::stat &info) {
+  struct ::stat root = {};
+  return ::stat("/", &root) == 0 && same_inode(info, root);
+}
+
+/// Calls `change(dir, name, flag)` for what the entry is or leads to.
+template <class Change> Cause change_entry(const file &x, Change change) {
+  const ::mode_t type = x.info.st_mode & S_IFMT;
+  if (type != 0 && type != S_IFLNK) return change(x.dir, name_at(x), O_NOFOLLOW);
+  const Spot spot = find_spot(x.dir, name_at(x));
+  if (spot.cause) return spot.cause;
+  if (!spot.exists()) return {ENOENT};
+  if (spot.linked && is_root(spot.info)) return LinkToRoot;
+  return change(spot.at(), spot.name.c_str(), spot.follow);
 }
 
 } // namespace
+
+void call_ok(const char *src, const char *dst, int mode) { call(ok, src, dst, mode, {}); }
+
+void call_fail(const char *src, const char *dst, int mode, const Cause &cause) {
+  call(fail, src, dst, mode, cause);
+}
+
+Cause make_level(Copying &c, const Spot &spot, const char *path) {
+  if (spot.cause) return spot.cause;
+  if (spot.linked || spot.exists()) return {EEXIST};
+  if (::mkdirat(spot.at(), spot.name.c_str(), DirectoryPermissions) != 0) return last_cause();
+  dmsg("Directory created '%s'", path);
+  note_filled(c, spot.at(), spot.name.c_str(), AT_SYMLINK_NOFOLLOW);
+  file_event(c.sink, {FileResult::Done, "created", path, {}});
+  call(ok, path, nullptr, 1, {});
+  return {};
+}
+
+void note_filled(Copying &c, int dir, const char *name, int flags) {
+  struct ::stat info = {};
+  if (::fstatat(dir, name, &info, flags) == 0) c.filled.emplace(info.st_dev, info.st_ino);
+}
+
+void report_directory(const Copying &c, const char *path, const Cause &cause) {
+  file_failure(c.sink, "cannot create directory", path, cause, "Error creating directory '%s'",
+               path);
+  call(fail, path, nullptr, 1, cause);
+}
+
+int make_directory(Copying &c, const std::string &path, bool make_all) {
+  Cause cause = make_level(c, path.c_str());
+  bool parents = false;
+  // Only then is a parent missing; trying them all each time would cost more than the directory.
+  if (make_all && cause.number == ENOENT) {
+    Cause above;
+    parents = make_parents(c, path, above);
+    cause = make_level(c, path.c_str());
+    if (cause.number == ENOENT && above) cause = above;
+  }
+  if (!cause || cause.number == EEXIST) return 1;
+  report_directory(c, path.c_str(), cause);
+  // Something was created even where only some of the parents were, but not without a word.
+  return parents ? 1 : 0;
+}
+
+bool takes_path(const Copying &c, const char *dir) {
+  if (dir == nullptr) return false;
+  if (std::strlen(dir) < PathSize) return true;
+  report_directory(c, dir, {ENAMETOOLONG});
+  return false;
+}
+
+std::string trimmed(const char *dir) {
+  std::string path{dir};
+  while (path.size() > 1 && last_separator(path.c_str()) == &path.back()) path.pop_back();
+  return path;
+}
+
+bool excluded_below(const char *name, const char *exclude) { return wild_list(name, exclude) != 0; }
+
+void log_existence(const char *path, bool exists, ::mode_t mode) {
+  if (!exists) dmsg("'%s' does not exist", path);
+  else dmsg("'%s' exists and is a %s", path, S_ISDIR(mode) ? "directory" : "file");
+}
 
 void file_setup_fn(FileCallback xok, FileCallback xfail) {
   ok = xok;
@@ -375,12 +231,43 @@ void file_setup_fn(FileCallback xok, FileCallback xfail) {
 
 void file_error(const char *format, ...) {
   if (format == nullptr) return;
-  const KeepErrno keep;
+  const int number = errno;
   std::va_list arg;
   va_start(arg, format);
   const Message message = make_message(format, arg);
   va_end(arg);
-  emsg("%s, %s", message.text, std::strerror(errno));
+  emsg("%s, %s", message.text, std::strerror(number));
+}
+
+void file_event(const FileSink *sink, const FileEvent &event) {
+  if (sink != nullptr && *sink) (*sink)(event);
+}
+
+int file_failure(const FileSink *sink, const char *what, const char *path, const Cause &cause,
+                 const char *line, ...) {
+  std::va_list arg;
+  va_start(arg, line);
+  emsg_cause(cause, "%s", make_message(line, arg).text);
+  va_end(arg);
+  file_event(sink, {FileResult::Failed, what, path, cause});
+  return 0;
+}
+
+void file_missed(const FileSink *sink, const Missed &missed, bool fails) {
+  const char *const dir = missed.path;
+  const char *const path = missed.name != nullptr ? missed.name : dir;
+  if (missed.opening)
+    file_failure(sink, "cannot list", path, missed.cause, "Error opening dir '%s'", dir);
+  else if (missed.name == nullptr)
+    file_failure(sink, "cannot list", path, missed.cause, "Error reading dir '%s'", dir);
+  else
+    file_failure(sink, "cannot list", path, missed.cause, "Error listing '%s' in '%s'", missed.name,
+                 dir);
+  if (fails) call(fail, path, nullptr, 1, missed.cause);
+}
+
+MissedSink log_missed() {
+  return [](const Missed &missed) { file_missed(nullptr, missed, false); };
 }
 
 File file_first(FHandle *h, const char *path, const char *wild) {
@@ -388,18 +275,20 @@ File file_first(FHandle *h, const char *path, const char *wild) {
   if (h == nullptr || path == nullptr || wild == nullptr) return nullptr;
   *h = new xfilehandle;
   File x = new file;
-  if (open_handle(**h, by_path(path), wild) && file_next(x, *h) == 1) return x;
+  if (open_listing(**h, path, wild, log_missed()) && file_next(x, *h) == 1) return x;
   file_free(&x);
   file_last(h);
   return nullptr;
 }
 
 int file_next(File x, FHandle h) {
-  if (x == nullptr || h == nullptr || !h->handle) return 0;
-  ::mode_t type = 0;
-  while (const char *name = next_name(*h, type)) {
-    if (is_dots(name) || wild_match(name, h->wild.c_str()) == 0) continue;
-    if (take_entry(*x, *h, name, type)) return 1;
+  if (x == nullptr || h == nullptr) return 0;
+  file next;
+  while (next_entry(next, *h, log_missed())) {
+    next.dir = AT_FDCWD; // the entry may be used when the directory is closed
+    if (file_stat(&next) == 0) continue;
+    *x = std::move(next);
+    return 1;
   }
   return 0;
 }
@@ -410,13 +299,9 @@ void file_free(File *x) { drop(x); }
 
 int file_stat(File x) {
   if (x == nullptr) return 0;
-  x->link.reset();
-  if (::fstatat(x->dir, x->name + x->entry, &x->info, AT_SYMLINK_NOFOLLOW) != 0) return 0;
-  if (!S_ISLNK(x->info.st_mode)) return 1;
-  char text[PathSize];
-  const ::ssize_t count = ::readlinkat(x->dir, x->name + x->entry, text, sizeof text - 1);
-  if (count < 0) file_error("Error reading symlink '%s'", x->name);
-  x->link = count < 0 ? "READLINK FAILED" : std::string(text, static_cast<std::size_t>(count));
+  Cause unread;
+  if (read_status(*x, unread)) return 0;
+  if (unread) emsg_cause(unread, "Error reading symlink '%s'", x->name);
   return 1;
 }
 
@@ -428,97 +313,42 @@ char *file_filename(File x, char *buffer, std::size_t bfsz) {
   return buffer;
 }
 
-const char *entry_name(const file &x) {
-  if (x.entry != 0) return x.name + x.entry;
-  const char *separator = last_separator(x.name);
-  return separator != nullptr ? separator + 1 : x.name;
-}
-
-bool is_dir(const file &x) { return S_ISDIR(x.info.st_mode); }
-
-Entries::Entries(const Place &place, const char *wild, Walk walk) {
-  handle_.status = false;
-  handle_.report = walk == Walk::Copies;
-  const bool opened = open_handle(handle_, place, wild);
-  // A directory that was named is for the caller to judge; one met on the way is a part left out.
-  if (!opened && handle_.report && place.dir != AT_FDCWD) call(fail, place.path, nullptr, 1);
-  more_ = opened && file_next(&entry_, &handle_) == 1;
-}
-
-Entries::Entries(const char *path, const char *wild, Walk walk)
-    : Entries(by_path(path), wild, walk) {}
-
-Entries::Entries(const file &directory, Walk walk) : Entries(by_entry(directory), "*", walk) {}
-
-int file_copy(const char *src, const char *dst, int overwrite, std::uint64_t *bytes) {
-  errno = 0;
-  if (src == nullptr || dst == nullptr) {
-    call(fail, src, dst, 1);
-    return 0;
-  }
-  struct ::stat info = {};
-  if (overwrite == 0 && ::stat(dst, &info) == 0) return -1;
-  return copy_file(by_path(src), dst, bytes);
-}
-
-int file_xcopy(const char *path, const char *wild, const char *exclude, const char *dst,
-               int recurse, std::uint64_t *bytes) {
-  char target[PathSize];
-  if (path == nullptr || take_path(dst, target) == 0) return 0;
-  setsep(target, Sep);
-  return copy_tree(by_path(path), wild ? wild : "*", exclude, target, recurse != 0, bytes);
-}
-
-int file_copy_entry(File entry, const char *into, std::uint64_t *bytes) {
-  char target[PathSize];
-  if (target_path(*entry, into, target) == 0) return 0;
-  return copy_file(by_entry(*entry), target, bytes);
-}
-
-int file_xcopy_entry(File entry, const char *exclude, const char *into, std::uint64_t *bytes) {
-  return copy_directory(*entry, exclude, into, true, bytes);
-}
-
-Filling::Filling() { ++fillings; }
-
-Filling::~Filling() {
-  if (--fillings == 0) filled.clear();
-}
-
-void Filling::add(const char *directory) { note_filled(directory); }
-
-int file_exist(const char *file) {
+int file_exist(const char *file, Cause *cause) {
   if (file == nullptr) return 0;
   struct ::stat info = {};
-  if (::stat(file, &info) != 0) {
-    dmsg("'%s' does not exist", file);
-    return 0;
-  }
-  const bool directory = S_ISDIR(info.st_mode);
-  dmsg("'%s' exists and is a %s", file, directory ? "directory" : "file");
-  return directory ? 2 : 1;
+  const bool exists = ::stat(file, &info) == 0;
+  if (!exists && cause != nullptr) *cause = last_cause();
+  log_existence(file, exists, info.st_mode);
+  if (!exists) return 0;
+  return S_ISDIR(info.st_mode) ? 2 : 1;
 }
 
-int file_mkdir(const char *dir, int make_all) {
-  char path[PathSize];
-  if (take_path(dir, path) == 0) return 0;
-  const std::size_t length = std::strlen(path);
-  const bool root = std::strcmp(path, "/") == 0;
-  if (length > 0 && !root && last_separator(path) == path + length - 1) path[length - 1] = '\0';
-  if (make_all != 0) setsep(path + first_end(path), Sep);
-  return make_directory(path, make_all != 0);
+int file_mkdir(const char *dir, int make_all, const FileSink *sink) {
+  Copying c{.sink = sink};
+  if (!takes_path(c, dir)) return 0;
+  std::string path = trimmed(dir);
+  if (make_all != 0) setsep(path.data() + first_end(path), Sep);
+  return make_directory(c, path, make_all != 0);
 }
 
 int file_rmdir(const char *dir, const char *exclude, int recurse) {
-  return dir != nullptr ? remove_tree(by_path(dir), exclude, recurse != 0) : 0;
+  if (dir == nullptr) return 0;
+  const Removing r{exclude, nullptr};
+  if (recurse == 0) return remove_tree(r, by_path(dir), nullptr).count;
+  Entries entries{dir, "*", missed_removal(r)};
+  return remove_tree(r, by_path(dir), &entries).count;
 }
 
-int file_rmdir_entry(File entry, const char *exclude) {
-  return remove_tree(by_entry(*entry), exclude, true);
+int file_rmdir_entry(const file &entry, const char *exclude, const FileSink *sink) {
+  return remove_directory({exclude, sink}, entry).count;
 }
 
-int file_remove_entry(File entry) {
-  return ::unlinkat(entry->dir, entry_name(*entry), 0) == 0 ? 1 : 0;
+int file_remove_entry(const file &entry, const FileSink *sink) {
+  const Removed removed = remove_entry(entry);
+  if (removed.cause)
+    file_event(sink, {FileResult::Failed, "cannot remove", entry.name, removed.cause});
+  else file_event(sink, {FileResult::Done, "removed", entry.name, {}});
+  return removed.count;
 }
 
 ::uid_t file_getuid(const char *name) {
@@ -531,19 +361,27 @@ int file_remove_entry(File entry) {
   return group ? group->gr_gid : static_cast<::gid_t>(-1);
 }
 
-int file_chmod(File x, ::mode_t mode) {
+int file_chmod(File x, ::mode_t mode, const FileSink *sink) {
   if (x == nullptr) return 0;
-  if (::fchmodat(x->dir, x->name + x->entry, mode & PermissionBits, 0) == 0) return 1;
-  file_error("Error changing mode of '%s' to %d", x->name, static_cast<int>(mode));
+  const Cause cause = change_entry(*x, [=](int dir, const char *name, int follow) {
+    return change_mode(dir, name, mode & PermissionBits, follow);
+  });
+  if (!cause) return 1;
+  file_failure(sink, "cannot change mode", x->name, cause, "Error changing mode of '%s' to %d",
+               x->name, static_cast<int>(mode));
   return 0;
 }
 
-int file_chown(File x, ::uid_t uid, ::gid_t gid) {
+int file_chown(File x, ::uid_t uid, ::gid_t gid, const FileSink *sink) {
   if (x == nullptr || uid == static_cast<::uid_t>(-1)) return 0;
   if (gid == static_cast<::gid_t>(-1)) gid = uid;
-  if (::fchownat(x->dir, x->name + x->entry, uid, gid, 0) == 0) return 1;
-  file_error("Error changing ownership of '%s' to uid=%d, gid=%d", x->name, static_cast<int>(uid),
-             static_cast<int>(gid));
+  const Cause cause = change_entry(*x, [=](int dir, const char *name, int follow) {
+    return change_owner(dir, name, uid, gid, follow);
+  });
+  if (!cause) return 1;
+  file_failure(sink, "cannot change owner", x->name, cause,
+               "Error changing ownership of '%s' to uid=%d, gid=%d", x->name, static_cast<int>(uid),
+               static_cast<int>(gid));
   return 0;
 }
 

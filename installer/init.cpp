@@ -2,6 +2,7 @@
 
 #include "installer/file.h"
 #include "installer/log.h"
+#include "installer/replace.h"
 
 #include <cstring>
 #include <ctime>
@@ -61,13 +62,12 @@ Cause run_time_date(Ini ini, const init_item &item, const char * /*path*/) {
 }
 
 Cause run_wfile(Ini ini, const init_item &item, const char *path) {
-  const bool written = write_text(path, ini_value_or_text(ini, item.b.c_str())) != 0;
-  return written ? Cause{} : last_cause();
+  return write_text(path, [&] { return ini_value_or_text(ini, item.b.c_str()); });
 }
 
 Cause run_rfile(Ini ini, const init_item &item, const char *path) {
   std::string text;
-  if (read_text(path, text) == 0) return last_cause();
+  if (const Cause cause = read_text(path, text)) return cause;
   if (!text.empty()) set_setting(ini, item.b, text.c_str());
   return {};
 }

@@ -31,10 +31,11 @@ Found http_user, http_group, http_root, http_scripts;
 
 enum class Taken { Yes, No, Bad };
 
-Taken take_name(const char *what, const char *name, int id, Found &found, const char *found_what,
-                char *errmsg) {
-  if (id < 0) {
-    if (errmsg != nullptr) lprintf(errmsg, LineSize, "%s '%s' has bad uid '%d'", what, name, id);
+/// `known`: the system has the name; its number may be any.
+Taken take_name(const char *what, const char *name, bool known, Found &found,
+                const char *found_what, char *errmsg) {
+  if (!known) {
+    if (errmsg != nullptr) lprintf(errmsg, LineSize, "%s '%s' has bad uid '-1'", what, name);
     return Taken::Bad;
   }
   dmsg("Found %s [%s]", found_what, name);
@@ -43,11 +44,13 @@ Taken take_name(const char *what, const char *name, int id, Found &found, const 
 }
 
 Taken take_user(const char *name, char * /*line*/, char *errmsg) {
-  return take_name("User", name, static_cast<int>(file_getuid(name)), http_user, "user", errmsg);
+  return take_name("User", name, file_getuid(name) != static_cast<::uid_t>(-1), http_user, "user",
+                   errmsg);
 }
 
 Taken take_group(const char *name, char * /*line*/, char *errmsg) {
-  return take_name("Group", name, static_cast<int>(file_getgid(name)), http_group, "group", errmsg);
+  return take_name("Group", name, file_getgid(name) != static_cast<::gid_t>(-1), http_group,
+                   "group", errmsg);
 }
 
 /// A quoted directory loses its first and last character.

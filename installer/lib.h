@@ -235,8 +235,10 @@ enum class Allow { Plain, Target };
 
 /// True when `info` describes a file that `allow` admits; else errno says why not.
 [[nodiscard]] bool admitted(const struct ::stat &info, Allow allow);
-/// POSIX openat that never blocks, closes on exec and refuses what `allow` does not admit. A
-/// descriptor, or an empty one with errno set. `perms` is for a file that is created.
+/// POSIX openat that never blocks but for a regular file under a lease of another process, and that
+/// closes on exec. A descriptor, or an empty one with errno set.
+[[nodiscard]] Descriptor open_at_once(int dir, const char *name, int flags, ::mode_t perms = 0666);
+/// open_at_once that refuses what `allow` does not admit. `perms` is for a file that is created.
 [[nodiscard]] Descriptor open_file(int dir, const char *name, int flags, Allow allow,
                                    ::mode_t perms = 0666);
 /// open_file for a file whose status the caller has; null when it does not exist.
@@ -248,13 +250,14 @@ enum class Allow { Plain, Target };
 
 /// True when both describe one file.
 [[nodiscard]] bool same_inode(const struct ::stat &a, const struct ::stat &b);
-/// 1 when both paths lead to one existing file, links followed; else 0.
-[[nodiscard]] int same_file(const char *a, const char *b);
-/// Reads a whole text file. 1: `text` holds it; 0: it cannot be opened or read, or holds a zero
-/// byte, and errno says why. Throws std::bad_alloc for a file that memory cannot hold.
-[[nodiscard]] int read_text(const char *file, std::string &text);
-/// Creates or empties a file and writes `text`. 1: written and closed; 0 with errno set.
-[[nodiscard]] int write_text(const char *file, const char *text);
+/// True when both paths lead to one existing file, links followed.
+[[nodiscard]] bool same_file(const char *a, const char *b);
+/// Reads a whole text file; zero bytes at its very end are dropped. The cause when it cannot be
+/// opened or read, or holds a zero byte elsewhere. Throws std::bad_alloc for a file that memory
+/// cannot hold.
+[[nodiscard]] Cause read_text(const char *file, std::string &text);
+/// The same from an open stream.
+[[nodiscard]] Cause read_text(std::FILE *in, std::string &text);
 
 /// C's fgets, but the number of characters read, line end included; 0 at the end or after an error
 /// (C's ferror). Waits for input also where the descriptor does not. More than strlen(`buffer`)

@@ -65,10 +65,23 @@ bool admitted(const struct ::stat &info, Allow allow) {
   return false;
 }
 
+Descriptor open_at_once(int dir, const char *name, int flags, ::mode_t perms) {
+  flags |= O_CLOEXEC | O_NOCTTY;
+  Descriptor fd{::openat(dir, name, flags | O_NONBLOCK, perms)};
+  if (fd || errno != EWOULDBLOCK) return fd;
+  // Another process has a lease on the file; the system waits until that is given back.
+  struct ::stat info = {};
+  const int follow = (flags & O_NOFOLLOW) != 0 ? AT_SYMLINK_NOFOLLOW : 0;
+  const bool regular = ::fstatat(dir, name, &info, follow) == 0 && S_ISREG(info.st_mode);
+  if (regular) fd = Descriptor{::openat(dir, name, flags, perms)};
+  else errno = EWOULDBLOCK;
+  return fd;
+}
+
 Descriptor open_known(int dir, const char *name, const struct ::stat *info, int flags, Allow allow,
                       ::mode_t perms) {
   if (info != nullptr && !admitted(*info, allow)) return Descriptor{};
-  return Descriptor{::openat(dir, name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, perms)};
+  return open_at_once(dir, name, flags, perms);
 }
 
 Descriptor open_file(int dir, const char *name, int flags, Allow allow, ::mode_t perms) {
@@ -89,34 +102,29 @@ std::FILE *s_fopen(const char *filename, const char *mode) {
   return stream;
 }
 
-int read_text(const char *file, std::string &text) {
+Cause read_text(const char *file, std::string &text) {
   const Stream stream{s_fopen(file, "rb")};
-  if (!stream) return 0;
+  return stream ? read_text(stream.get(), text) : last_cause();
+}
+
+Cause read_text(std::FILE *in, std::string &text) {
   struct ::stat info = {};
-  const bool sized = ::fstat(::fileno(stream.get()), &info) == 0 && info.st_size > 0;
+  const bool sized = ::fstat(::fileno(in), &info) == 0 && info.st_size > 0;
   const auto size = static_cast<std::size_t>(sized ? info.st_size : 0);
   text.clear();
-  if (size > text.max_size()) {
-    errno = ENOMEM;
-    return 0;
-  }
+  if (size > text.max_size()) return {ENOMEM};
   // One step to the whole size: a file that memory cannot hold is refused before it is read.
   text.reserve(size);
   char piece[LineSize - 2];
-  while (const std::size_t count = std::fread(piece, 1, sizeof piece, stream.get())) {
-    text.append(piece, count);
-    if (std::memchr(piece, '\0', count) == nullptr) continue;
-    errno = EILSEQ;
-    return 0;
+  bool ended = false; // by a zero byte
+  while (const std::size_t count = std::fread(piece, 1, sizeof piece, in)) {
+    const std::string_view read{piece, count};
+    const std::string_view kept = read.substr(0, ended ? 0 : read.find('\0'));
+    ended = kept.size() < count;
+    text.append(kept);
+    if (read.find_first_not_of('\0', kept.size()) != read.npos) return ZeroByte;
   }
-  return std::ferror(stream.get()) == 0 ? 1 : 0;
-}
-
-int write_text(const char *file, const char *text) {
-  Stream stream{s_fopen(file, "w")};
-  if (!stream) return 0;
-  std::fputs(text, stream.get());
-  return finish(std::move(stream)) ? 1 : 0;
+  return std::ferror(in) == 0 ? Cause{} : last_cause();
 }
 
 std::size_t read_piece(std::FILE *in, char *buffer, std::size_t bfsz) {
@@ -150,10 +158,10 @@ bool same_inode(const struct ::stat &a, const struct ::stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-int same_file(const char *a, const char *b) {
+bool same_file(const char *a, const char *b) {
   struct ::stat info_a = {};
   struct ::stat info_b = {};
-  return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && same_inode(info_a, info_b) ? 1 : 0;
+  return ::stat(a, &info_a) == 0 && ::stat(b, &info_b) == 0 && same_inode(info_a, info_b);
 }
 
 } // namespace installer

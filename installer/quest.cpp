@@ -27,8 +27,12 @@ const char *accept_existing(const quest &entry, char *answer) {
 }
 
 const char *accept_empty_directory(const quest & /*entry*/, char *answer) {
-  const Entries entries{answer, "*"};
-  if (!entries && !entries.incomplete()) {
+  bool incomplete = false;
+  const Entries entries{answer, "*", [&](const Missed &missed) {
+                          incomplete = incomplete || !missed.opening;
+                          file_missed(nullptr, missed, false);
+                        }};
+  if (!entries && !incomplete) {
     errno = 0;
     return answer;
   }

@@ -119,14 +119,38 @@ TEST_F(CopyRunTest, TakesNothingByHalves) {
   EXPECT_EQ(changes("#" + std::string(998, ' ') + "MkDir d\nMkDir e"), "1 0 +e/");
   EXPECT_EQ(changes("MkDir d" + std::string(998, ' ') + "\nMkDir e"), "2 0 +d/ +e/");
   EXPECT_TRUE(changes("MkDir d no NO " + command).ends_with(" +d/")); // more words do not count
-  const std::string zero(1, '\0');
-  for (const char *before : {"", "line\n"}) {
+  const std::string zeros(2000, '\0'), why = ", it holds a zero byte";
+  for (const std::string before : {"", "line\n"}) {
     changes("");
-    write_file("zero", before + zero + "lost");
-    EXPECT_TRUE(run_all("RFile zero port").starts_with("failed! Failed to read (zero), "));
-    EXPECT_TRUE(run_all("Ini zero file").starts_with("failed! Error reading ini file 'zero', "));
+    write_file("zero", before + zeros + "lost");
+    EXPECT_EQ(run_all("RFile zero port"), "failed! Failed to read (zero)" + why);
+    EXPECT_EQ(run_all("Ini zero file"), "failed! Error reading ini file 'zero'" + why);
     EXPECT_EQ(read_file("file"), "8 bytes.");
+    write_file("zero", before + zeros);
+    EXPECT_EQ(
+        run_all("RFile zero r" + before.substr(0, 1) + "\nWFile file r" + before.substr(0, 1)),
+        "2 0"); // at the very end they are dropped
+    EXPECT_EQ(read_file("file"), before.empty() ? "r" : before);
   }
+  const std::string longer(300, 'p');
+  EXPECT_EQ(changes("Exist " + longer + " found\nWFile f found"),
+            "2 0! Failed to test (" + longer + "), File name too long +ffalse");
+}
+
+TEST_F(CopyRunTest, LooksAValueUpWhenTheFileIsOpen) {
+  // A look-up decides where the next value of a setting goes.
+  const std::string commands = "Exist src s\nWFile no/x s\nExist none s\nWFile f s";
+  changes("");
+  run_all(commands, 0);
+  EXPECT_EQ(read_file("f"), "true");
+}
+
+TEST_F(CopyRunTest, CopiesToAllDestinations) {
+  changes("");
+  for (const char *path : {"m/a/", "m/b/sub/f", "m/b/top", "m/c/"}) write_file(path, "");
+  EXPECT_EQ(run_all("CopyDir m/b/* - ./m/*"), "8 0");
+  for (const char *path : {"m/a/sub/f", "m/c/sub/f", "m/a/top", "m/c/top"})
+    EXPECT_TRUE(fs::exists(path)) << path;
 }
 
 TEST_F(CopyRunTest, GoesOnOrStops) {

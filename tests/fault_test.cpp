@@ -6,12 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 
 #include <pwd.h>
-#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,18 +53,6 @@ static bool told(const std::string &console) {
   return all.find("\nError: ") != all.npos || all.find("\nFailed, ") != all.npos;
 }
 
-/// Runs the product with the fault, in `path` if given; the status.
-static int run_injected(const std::string &inject, const std::string &path = {}) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // no leaks can be looked for under a tracer
-  const std::string only = path.empty() ? "" : " -P " + path;
-  return std::system(("timeout 60 strace -f -o trace" + only +
-                      " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
-                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
-                         .c_str());
-}
-
-static bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
-
 TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
   const Tree complete = expected_tree();
@@ -74,10 +60,10 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   // write, so that kills there fall everywhere.
   for (const std::string row :
        {"9 write:error=ENOSPC", "2 read:error=EIO", "2 openat:error=EMFILE",
-        "1 rename:error=EACCES", "1 mkdir:error=ENOSPC", "1 unlinkat:error=EBUSY",
-        "1 fchmodat:error=EPERM", "1 fchownat:error=EPERM", "2 close:error=EIO",
-        "1 getdents64:error=EIO", "5 write:signal=KILL", "2 openat:signal=KILL",
-        "1 rename:signal=KILL", "1 mkdir:signal=KILL", "1 unlinkat:signal=KILL"}) {
+        "1 renameat:error=EACCES", "1 mkdirat:error=ENOSPC", "1 unlinkat:error=EBUSY",
+        "1 fchownat:error=EPERM", "2 close:error=EIO", "1 getdents64:error=EIO",
+        "5 write:signal=KILL", "2 openat:signal=KILL", "1 renameat:signal=KILL",
+        "1 mkdirat:signal=KILL", "1 unlinkat:signal=KILL"}) {
     const bool kill = row.ends_with("KILL");
     int runs = 0;
     for (int when = 1;; when += row[0] - '0', ++runs) {
@@ -96,23 +82,6 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
     }
     EXPECT_GT(runs, 0) << row;
   }
-}
-
-/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
-static bool run_and_kill(int last) {
-  const ::pid_t pid = ::fork();
-  if (pid == 0) {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
-    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
-    ::_exit(1);
-  }
-  int status = 0;
-  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
-    if (stops == 2 * last) ::kill(pid, SIGKILL);
-    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-  }
-  return WIFSIGNALED(status);
 }
 
 TEST(Fault, KilledAtEveryTenthSystemCall) {

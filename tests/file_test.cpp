@@ -1,13 +1,19 @@
 #include "installer/file.h"
+#include "installer/init.h"
 #include "installer/log.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
 #include <set>
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace installer {
@@ -94,9 +100,13 @@ TEST_F(FileTest, NeverCutsPaths) {
   EXPECT_TRUE(take_calls().starts_with("File name too long "));
   EXPECT_EQ(file_xcopy("dst", "*", nullptr, "other", 1, nullptr), 1);
   EXPECT_EQ(take_calls(), "File name too long dst/" + fits + ">other 1; ok other 1; ");
+  take_errors();
+  EXPECT_EQ(file_xcopy("src", "*", "ff*", "new", 1, nullptr) + file_rmdir("src", "ff*", 1), 1);
+  EXPECT_EQ(take_errors(), ""); // what is excluded does not matter
+  EXPECT_EQ(take_calls(), "Directory not empty src 0; ok new 1; ");
   EXPECT_EQ(file_rmdir("src", nullptr, 1), 1);
   EXPECT_EQ(read_file("src/" + longer) + read_file("dst/" + fits), longer + fits);
-  EXPECT_EQ(read_tree(".").size(), 5U);
+  EXPECT_EQ(read_tree(".").size(), 6U);
   EXPECT_TRUE(take_errors().ends_with(", File name too long\n"));
 }
 
@@ -111,11 +121,71 @@ TEST_F(FileTest, CopyIntoItselfEnds) {
   }
 }
 
+TEST_F(FileTest, EntriesOutliveTheirListing) {
+  for (const char *path : {"d/f", "other/f"}) write_file(path, path);
+  FHandle h = nullptr;
+  File x = file_first(&h, "d", "*");
+  file_last(&h);
+  const Descriptor same_number{::open("other", O_RDONLY | O_DIRECTORY)};
+  ASSERT_TRUE(x != nullptr && same_number);
+  EXPECT_EQ(file_chmod(x, 0600) + file_stat(x), 2);
+  EXPECT_EQ(x->info.st_mode & 0777U, 0600U);
+  EXPECT_EQ(fs::status("other/f").permissions(), fs::perms{0644});
+  file_free(&x);
+}
+
+TEST_F(FileTest, WaitsForALease) {
+  write_file("leased", "late");
+  int ready[2] = {};
+  ASSERT_EQ(::pipe(ready), 0);
+  const ::pid_t holder = ::fork();
+  if (holder == 0) {
+    static const int fd = ::open("leased", O_RDWR);
+    ::signal(SIGIO, [](int) { ::fcntl(fd, F_SETLEASE, F_UNLCK), ::_exit(0); });
+    ::close(ready[::fcntl(fd, F_SETLEASE, F_WRLCK) == 0 ? 1 : 0]);
+    ::close(ready[0]);
+    ::pause();
+  }
+  ::close(ready[1]);
+  char none = 0;
+  EXPECT_EQ(::read(ready[0], &none, 1), 0);
+  EXPECT_EQ(file_copy("leased", "copy", 1, nullptr), 1) << take_errors();
+  EXPECT_EQ(read_file("copy"), "late");
+  ::kill(holder, SIGKILL);
+  EXPECT_EQ(::waitpid(holder, nullptr, 0), holder);
+}
+
+TEST_F(FileTest, NumbersOfUsers) {
+  write_file("passwd", "root:x:0:0::/:\nfar:x:4294967294:2147483648::/:\n");
+  write_file("group", "far:x:2147483648:\n");
+  const auto look_up = [] {
+    const bool own = ::unshare(CLONE_NEWNS) == 0 &&
+                     ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                     ::mount("passwd", "/etc/passwd", nullptr, MS_BIND, nullptr) == 0 &&
+                     ::mount("group", "/etc/group", nullptr, MS_BIND, nullptr) == 0;
+    if (!own) ::_exit(3);
+    char user[LineSize] = "", error[LineSize] = "";
+    const char *const candidates[] = {"conf", nullptr};
+    http_files = candidates;
+    write_file("conf", "User far\nGroup far\nDocumentRoot /\nScriptAlias cgi-bin /");
+    const int found = init_find_http_conf(user, nullptr, nullptr, nullptr, error);
+    ::_exit(found == 1 && file_getuid("far") == 4294967294 && file_getgid("far") == 2147483648 &&
+                    file_getuid("none") == static_cast<::uid_t>(-1)
+                ? 0
+                : 1);
+  };
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may have users of its own";
+  EXPECT_EXIT(look_up(), ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(FileTest, MakesAndRemovesDirectories) {
   write_file("far/file", "");
-  for (const char *path : {"d/", "d", "far/file", "m/n\\o\\", "m/n/p"})
+  for (const char *path : {"d//", "d", "far/file", "m/n\\o\\", "m/n/p", "m//q//"})
     EXPECT_EQ(file_mkdir(path, 1), 1);
-  EXPECT_EQ(take_calls(), "ok d 1; ok m 1; ok m/n 1; ok m/n/o 1; ok m/n/p 1; ");
+  EXPECT_EQ(file_mkdir("e//", 0), 1);
+  EXPECT_EQ(take_calls(), "ok d 1; ok e 1; ok m 1; ok m//q 1; ok m/n 1; ok m/n/o 1; ok m/n/p 1; ");
+  EXPECT_EQ(file_xcopy("d", "*", nullptr, "sl/", 1, nullptr) + fs::remove("m/q"), 2);
+  EXPECT_EQ(take_calls(), "ok sl 1; ");
   EXPECT_EQ(file_mkdir("x/y", 0) + file_mkdir("far/file/x", 1), 0);
   EXPECT_EQ(take_calls(), "No such file or directory x/y 1; Not a directory far/file/x 1; ");
   for (const char *directory : {".", "far"}) fs::permissions(directory, fs::perms{0555});

@@ -22,7 +22,8 @@ struct QuestTest : ::testing::Test {
 TEST_F(QuestTest, ReadsQuestions) {
   const char *const lines =
       "Text a - - h t\n[other]\nText b - - h t\n[Install\n # x\n\nText port - - h1 Which  port?\r\n"
-      "\tyn \tok\v ctl - h\v 50\\% \\\\a\\nb\\tc \\\nExist\nText s\nYN s c\nError s\nExist p\nLoop s\n"
+      "\tyn \tok\v ctl - h\v 50\\% \\\\a\\nb\\tc \\\nExist\nText s\nYN s c\nError s\nExist p\nLoop "
+      "s\n"
       "Text s - - h\nexist $(dir)/x have more\nError s - It's  wrong\nLoop again 3 4\n"
       "Else s c v h t\nCopy s - - h t\n[install]\nText c - - h t";
   EXPECT_EQ(load(lines), 1);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include <fcntl.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -162,6 +164,33 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input,
   ::close(via == Via::Pipe ? c.to[0] : c.to[1]);
   ::close(c.from[0]);
   return outcome;
+}
+
+int run_injected(const std::string &inject, const std::string &path) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // no leaks can be looked for under a tracer
+  const std::string only = path.empty() ? "" : " -P " + path;
+  return std::system(("timeout 60 strace -f -o trace" + only +
+                      " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
+                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
+                         .c_str());
+}
+
+bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
+
+bool run_and_kill(int last) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
+    ::_exit(1);
+  }
+  int status = 0;
+  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    if (stops == 2 * last) ::kill(pid, SIGKILL);
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
+  }
+  return WIFSIGNALED(status);
 }
 
 } // namespace installer

@@ -73,4 +73,13 @@ struct Outcome {
 Outcome run(const std::vector<std::string> &arguments, const std::string &input = {},
             Via via = Via::Pipe, const Start &start = {});
 
+/// Runs the product "installer" unattended under strace with a fault, on calls that have to do with
+/// `path` if given; the status. The console and the calls are in the files "console" and "trace".
+int run_injected(const std::string &inject, const std::string &path = {});
+/// True where strace may trace.
+bool can_trace();
+/// Runs the product "installer" unattended and kills it before its system call number `last`.
+/// False: it ended earlier.
+bool run_and_kill(int last);
+
 } // namespace installer

@@ -1,0 +1,217 @@
+#include "installer/copy.h"
+#include "installer/file.h"
+#include "installer/links.h"
+#include "installer/replace.h"
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace installer {
+
+constexpr ::uid_t Other = 65533;
+constexpr ::uid_t User = 65534;
+
+/// A link, and what it leads to when that is not there yet, each given to a user.
+static void plant(const std::string &link, const std::string &target, ::uid_t maker,
+                  ::uid_t owner) {
+  fs::remove_all(link);
+  fs::create_symlink(target, link);
+  EXPECT_EQ(::lchown(link.c_str(), maker, maker), 0);
+  EXPECT_EQ(fs::exists(target) ? ::chown(target.c_str(), owner, owner) : 0, 0);
+}
+
+static std::string status_of(const std::string &path) {
+  struct ::stat info = {};
+  if (::stat(path.c_str(), &info) != 0) return "none";
+  return std::to_string(info.st_mode & 07777) + " " + std::to_string(info.st_uid) + " " +
+         (S_ISDIR(info.st_mode) ? "" : read_file(path));
+}
+
+/// Runs one command; its result, 0 or 1 and more.
+static bool works(const std::string &command) {
+  write_file("../script", "[run]\n" + command);
+  const Store store = make_store({"value=new"});
+  const std::unique_ptr<copy, Release<copy_free>> x{copy_init(store.get())};
+  EXPECT_EQ(copy_load(x.get(), "../script", "run"), 1);
+  return copy_do(x.get(), 0, nullptr) > 0;
+}
+
+struct LinksTest : ::testing::Test {
+  LinksTest() {
+    fs::create_directory("work");
+    fs::current_path("work");
+  }
+  TempDir folder;
+};
+
+TEST_F(LinksTest, OwnLinksWork) {
+  for (const char *path : {"real/f", "src/a", "in/x"}) write_file(path, "old");
+  fs::create_directory_symlink("real", "dir");
+  fs::create_symlink("dir", "chain");
+  fs::create_symlink("real/f", "file");
+  fs::create_symlink("nothing", "dangling");
+  fs::create_directory_symlink("../real", "in/sub");
+  write_file("src/sub/b", "new");
+  for (const char *command :
+       {"WFile chain/f value", "WFile file value", "WFile dangling value", "WFile dir/../n value",
+        "CopyFile file - ./in", "CopyFile src/a - ./chain/../in", "CopyDir src/* - ./in",
+        "Chmod chain/* - 600", "Chmod file - 640", "Ini chain/f dir/ini", "RFile file r",
+        "MkDir chain/new/er", "Rename chain/new dir/newer", "RmDir chain/newer -",
+        "RmFile chain/ini -"})
+    EXPECT_TRUE(works(command)) << command << take_errors();
+  EXPECT_EQ(read_file("nothing") + read_file("real/f") + read_file("real/b") + read_file("n"),
+            "newnewnewnew");
+  EXPECT_EQ(fs::status("real/f").permissions(), fs::perms{0640});
+  fs::create_symlink("b-loop", "a-loop");
+  fs::create_symlink("a-loop", "b-loop");
+  fs::create_directory_symlink("/", "root");
+  for (const char *command : {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755",
+                              "Chmod a-loop - 755", "WFile dir/ value", "WFile new/ value"})
+    EXPECT_FALSE(works(command)) << command;
+  EXPECT_EQ(find_spot(AT_FDCWD, "//").name + find_spot(AT_FDCWD, "chain/..").name, "...");
+  EXPECT_FALSE(works("WFile /proc/self/fd/999 value"));
+}
+
+TEST_F(LinksTest, OnlyTrustedLinksAreFollowed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make links of other users";
+  const struct {
+    ::uid_t maker, owner, runner;
+    bool dangling, trusted;
+  } rows[] = {
+      {0,     Other, 0,    false, true }, // root's
+      {0,     0,     User, false, true },
+      {User,  0,     User, false, true }, // the runner's own
+      {Other, Other, 0,    false, true }, // that of the target's owner
+      {Other, Other, User, false, true },
+      {Other, 0,     0,    false, false},
+      {Other, User,  0,    false, false},
+      {Other, User,  User, false, false},
+      {0,     0,     User, true,  true },
+      {User,  0,     User, true,  true },
+      {Other, 0,     0,    true,  false},
+      {Other, Other, User, true,  false},
+  };
+  for (const auto &row : rows) {
+    const TempDir inner;
+    write_file("target", "old");
+    write_file("inner/target", "old");
+    if (row.dangling) fs::remove("target"), fs::remove("inner/target");
+    for (const char *open_to_all : {".", "inner"}) fs::permissions(open_to_all, fs::perms{0777});
+    const std::string to = inner.path("target");
+    plant("link", to, row.maker, row.owner);
+    plant("inner/chain", "../link", 0, row.owner);
+    plant("dir", inner.path("inner"), row.maker, row.owner);
+    if (!row.dangling) fs::permissions("target", fs::perms{0666});
+    EXPECT_EQ(::seteuid(row.runner), 0);
+    const std::string who = std::to_string(row.maker) + " made the link to a file of " +
+                            std::to_string(row.owner) + ", followed by " +
+                            std::to_string(row.runner);
+    for (const char *path : {"link", "inner/chain"}) {
+      Cause cause;
+      EXPECT_EQ(open_trusted(path, O_RDWR | O_CREAT, Allow::Target, 0666, cause).get() >= 0,
+                row.trusted)
+          << who;
+      EXPECT_EQ(cause.number, row.trusted ? 0 : ELOOP) << who;
+    }
+    if (!row.dangling) {
+      EXPECT_EQ(open_directory("dir", O_PATH, *std::make_unique<Cause>()).get() >= 0, row.trusted)
+          << who;
+    }
+    EXPECT_EQ(::seteuid(0), 0);
+  }
+}
+
+TEST_F(LinksTest, PlantedLinksLeadNowhere) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make links of other users";
+  fs::create_directories("../safe/dir");
+  write_file("../safe/file", "old");
+  write_file("../safe/dir/f", "old");
+  fs::permissions("../safe/file", fs::perms{0600});
+  for (const char *path : {"src/file", "src/sub/f", "tree/own"}) write_file(path, "planted");
+  fs::create_directory("tree/t");
+  const std::string safe = folder.path("safe");
+  plant("tree/file", safe + "/file", Other, 0);
+  plant("tree/cur", safe + "/dir", Other, 0);
+  plant("tree/t/sub", safe + "/dir", Other, 0);
+  plant("tree/t/file", safe + "/file", Other, 0);
+  plant("tree/gone", safe + "/new", Other, 0);
+  const Tree before = read_tree("../safe");
+  for (const char *command : {"Chmod tree/f* - 777",
+                              "Chown tree/f* - nobody",
+                              "Chmod tree/cur - 777",
+                              "Chmod tree/cur/* - 777",
+                              "Chown tree/cur/* - nobody",
+                              "WFile tree/file value",
+                              "WFile tree/gone value",
+                              "WFile tree/cur/f value",
+                              "WFile tree/cur/new value",
+                              "Ini src/file tree/file",
+                              "Ini src/file tree/cur/f",
+                              "Ini tree/file out",
+                              "RFile tree/file r",
+                              "CopyFile src/file - ./tree/t",
+                              "CopyFile tree/file - ./src",
+                              "CopyFile src/file - ./tree/cur/d*",
+                              "CopyFile src/file - ./tree/cur/../dir",
+                              "CopyDir src/sub - ./tree/t",
+                              "RmFile tree/cur/f -",
+                              "RmDir tree/cur/* -",
+                              "MkDir tree/cur/new",
+                              "MkDir tree/gone/new",
+                              "Rename tree/cur/f here",
+                              "Rename src/file tree/cur/f"}) {
+    EXPECT_FALSE(works(command)) << command;
+    EXPECT_NE(take_errors().find("is not trusted"), std::string::npos) << command;
+    EXPECT_EQ(read_tree("../safe"), before) << command;
+    EXPECT_EQ(status_of("../safe/file"), "384 0 old") << command;
+    EXPECT_EQ(fs::status("../safe/dir").permissions(), fs::perms{0755}) << command;
+  }
+  EXPECT_TRUE(works("RmFile tree/f* -") && works("RmDir tree -")); // the links themselves
+  EXPECT_EQ(read_tree("../safe"), before);
+}
+
+/// Exchanges entries of a tree for links, over and over, until it is killed.
+[[noreturn]] static void swap_for_ever() {
+  const int links = ::open("links", O_PATH), tree = ::open("tree", O_PATH);
+  const int inner = ::openat(tree, "d", O_PATH); // the directory itself, wherever it is
+  for (;;)
+    for (const char *entry : {"file", "sub", "d"})
+      ::renameat2(*entry == 'd' ? tree : inner, entry, links, entry, RENAME_EXCHANGE);
+}
+
+TEST_F(LinksTest, NoSwapWins) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make links of other users";
+  for (const char *path : {"../safe/file", "../safe/sub/file", "../safe/d/file"})
+    write_file(path, "old");
+  for (const char *path : {"src/d/file", "src/d/sub/file", "tree/d/file", "tree/d/sub/file"})
+    write_file(path, "planted");
+  fs::create_directory("links");
+  const std::string safe = folder.path("safe");
+  plant("links/file", safe + "/file", Other, 0);
+  plant("links/sub", safe + "/sub", Other, 0);
+  plant("links/d", safe + "/d", Other, 0);
+  const auto all = [] {
+    std::string text;
+    for (const char *path : {"file", "sub", "sub/file", "d", "d/file"})
+      text += status_of(std::string{"../safe/"} + path) + "; ";
+    return text + std::to_string(read_tree("../safe").size());
+  };
+  const std::string before = all();
+  const ::pid_t swapper = ::fork();
+  if (swapper == 0) swap_for_ever();
+  for (int i = 0; i < 250; ++i)
+    for (const char *command : {"CopyDir src/* - ./tree", "Chmod tree/* - 777",
+                                "Chown tree/* - nobody", "WFile tree/d/file value"})
+      static_cast<void>(works(command));
+  ::kill(swapper, SIGKILL);
+  EXPECT_EQ(::waitpid(swapper, nullptr, 0), swapper);
+  take_errors();
+  EXPECT_EQ(all(), before);
+}
+
+} // namespace installer
