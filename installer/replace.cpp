@@ -19,7 +19,7 @@ constexpr ::mode_t SetIdBits = 06000;
 constexpr const char *Capabilities = "security.capability";
 
 /// Errors that say that there is no room or no descriptor now. A file that is emptied then may stay
-/// empty.
+/// empty, so it is left alone.
 constexpr int scarcities[] = {ENOSPC, EDQUOT, EIO, ENOMEM, EMFILE, ENFILE};
 
 bool is_scarcity(int number) {
@@ -94,6 +94,7 @@ bool give_owner_and_mode(const struct ::stat &old, int fd) {
 
 /// Everything but the contents. `fragile`: writing takes some of it away again.
 bool give_all(const struct ::stat &old, int from, int to, bool &fragile) {
+  errno = 0;
   std::string wanted;
   std::string present;
   if (!list_attributes(from, wanted) || !list_attributes(to, present)) return false;
@@ -180,7 +181,7 @@ bool Replacement::open_beside(const struct ::stat &old) {
   const bool given = give_all(old, old_.get(), out_.get(), fragile_);
   if (given && !fragile_) old_ = Descriptor{};
   if (given) return true;
-  cause_ = before;
+  cause_ = is_scarcity(errno) ? last_cause() : before;
   discard();
   return false;
 }

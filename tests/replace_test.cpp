@@ -264,16 +264,18 @@ TEST_F(Upgrade, EveryCallOfAReplacementFailingOnce) {
     std::string fault;
     bool replaced;
   } rows[] = {
-      {"openat:error=ENOSPC:when=1",   false},
-      {"openat:error=EACCES:when=1",   true },
-      {"fcntl:error=EMFILE:when=1",    false},
-      {"write:error=ENOSPC:when=1",    false},
-      {"close:error=EIO:when=1",       false},
-      {"renameat:error=EACCES:when=1", false},
-      {"flistxattr:error=EIO:when=1",  true },
-      {"fchmod:error=EPERM:when=1",    true },
-      {"fchown:error=EPERM:when=1",    true },
-      {"fsetxattr:error=EPERM:when=1", true },
+      {"openat:error=ENOSPC:when=1",    false},
+      {"openat:error=EACCES:when=1",    true },
+      {"fcntl:error=EMFILE:when=1",     false},
+      {"write:error=ENOSPC:when=1",     false},
+      {"close:error=EIO:when=1",        false},
+      {"renameat:error=EACCES:when=1",  false},
+      {"flistxattr:error=EIO:when=1",   false},
+      {"fsetxattr:error=ENOSPC:when=1", false},
+      {"fchown:error=EDQUOT:when=1",    false},
+      {"fchmod:error=EPERM:when=1",     true },
+      {"fchown:error=EPERM:when=1",     true },
+      {"fsetxattr:error=EPERM:when=1",  true },
   };
   for (const auto &row : rows) {
     for (const std::string name : {"3", "pkg.ini", "port", "stamp"}) {
