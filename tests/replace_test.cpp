@@ -157,6 +157,21 @@ TEST(Replace, MountedFilesAreWrittenInPlace) {
   EXPECT_EQ(read_file("file") + read_file("point"), "newold");
 }
 
+TEST(Replace, AnotherRunAtTheSameFile) {
+  const TempDir folder;
+  write_file("file", "old");
+  Replacement first{"file"};
+  {
+    Replacement second{"file"}; // takes the other's for one that was left behind
+    EXPECT_EQ(first.write("1", 1) + second.write("2", 1), 2U);
+    EXPECT_FALSE(first.commit());
+    EXPECT_EQ(first.cause().number, EBUSY);
+    EXPECT_EQ(read_file("file"), "old");
+    EXPECT_TRUE(second.commit());
+  }
+  EXPECT_EQ(read_file("file") + std::to_string(read_tree(".").size()), "21");
+}
+
 // ---- Upgrades of an old tree by the real program ----
 
 /// A product, and what an older one installed. With links, files have two names.
