@@ -52,7 +52,7 @@ struct Total {
   std::uint64_t files = 0, needed = 0, free = 0, unchanged = 0;
 };
 
-/// `changes` and `written` are sorted by the bytes of their paths, `totals` by mount point.
+/// `changes` are sorted by the bytes of their paths, `totals` by mount point, `written` not at all.
 struct Comparison {
   std::vector<Change> changes;
   std::vector<Total> totals;

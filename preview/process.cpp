@@ -172,10 +172,10 @@ bool take_streams(const Streams &streams) {
 }
 
 [[noreturn]] void become_command(const Run &run) {
-  const Descriptor messages{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
   if (!drop_rights() || !take_streams(run.streams)) ::_exit(complain("the command's rights"));
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
   std::vector<char *> argv;
+  argv.reserve(run.arguments.size() + 1);
   for (const std::string &argument : run.arguments)
     argv.push_back(
         const_cast<char *>(argument.c_str())); // NOLINT: what exec takes, and never writes

@@ -89,7 +89,7 @@ std::string size(const Status &status) {
 /// A field of what is there, or "old->new" where it changes.
 std::string field(const Change &change, std::string (*text)(const Status &)) {
   if (change.verdict == Verdict::Added) return text(change.after);
-  const std::string before = text(change.before);
+  std::string before = text(change.before);
   if (change.verdict == Verdict::Deleted) return before;
   const std::string after = text(change.after);
   return before == after ? after : before + "->" + after;
@@ -139,6 +139,7 @@ std::string manifest_line(const std::string &sum, const std::string &path) {
     arguments.push_back("/proc/self/fd/" + std::to_string(file.get()));
   }
   std::vector<char *> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   ::dup2(output, STDOUT_FILENO);
@@ -227,11 +228,14 @@ std::string report_totals(const Comparison &comparison) {
 Refused report_manifest(const View &view, const Comparison &comparison, std::string &text) {
   std::vector<Descriptor> files, roots;
   for (const Layer &layer : view.layers) roots.push_back(view_side(view, layer, Side::Both));
+  std::map<std::string, const Written *> sorted;
+  for (const Written &written : comparison.written)
+    sorted.emplace(layer_path(view.layers[written.layer], written.path), &written);
   std::vector<std::string> paths;
-  for (const Written &written : comparison.written) {
-    const std::string path = layer_path(view.layers[written.layer], written.path);
+  for (const auto &[path, item] : sorted) {
+    const Written &written = *item;
     files.push_back(tree_open(roots[written.layer].get(), written.path, O_RDONLY));
-    if (!files.back()) return refusal(report_name(path));
+    if (!files.back()) return refusal(path);
     paths.push_back(path);
     if (files.size() < Batch) continue;
     if (Refused refused = add_sums(files, paths, text)) return refused;
