@@ -37,8 +37,8 @@ struct Change {
   std::size_t below = 0;
 };
 
-/// A regular file that runs wrote, moved or gave other rights: `path` in the side `Both` of the
-/// layer with this index.
+/// A regular file that runs wrote, moved or gave other rights: its absolute path, and the index of
+/// the layer whose side `Both` has it.
 struct Written {
   std::size_t layer = 0;
   std::string path;
