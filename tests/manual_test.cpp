@@ -23,8 +23,8 @@ static Tree read_page(const std::string &name) {
   return files;
 }
 
-/// Installs, upgrades and removes the product in the working directory on a view of the machine, where
-/// one can be had: nothing may be left.
+/// Installs, upgrades and removes the product in the working directory on a view of the machine,
+/// where one can be had: nothing may be left.
 static void expect_round_trip(const char *product) {
 #ifdef INSTALLER_PREVIEW
   const Start start{"installer-preview", nullptr, INSTALLER_PREVIEW};
