@@ -1,6 +1,7 @@
 #include "installer/log.h"
 
 #include "installer/array.h"
+#include "installer/links.h"
 
 #include <algorithm>
 #include <cstring>
@@ -45,8 +46,9 @@ bool make_private(int fd) {
 }
 
 Descriptor open_private(const char *file) {
+  Cause cause;
   Descriptor fd =
-      open_file(AT_FDCWD, file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions);
+      open_trusted(file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions, cause);
   return fd && make_private(fd.get()) ? std::move(fd) : Descriptor{};
 }
 

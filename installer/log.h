@@ -36,9 +36,9 @@ using Log = log *;
 
 /// A new closed log for `log_free`. It is not current yet.
 [[nodiscard]] Log log_init(LogLevel l);
-/// Opens `file` for appending, with mode 0600, for answers stand in it. It must be the null device,
-/// or a regular file with one name that belongs to the effective user or root; anything else counts
-/// as a file that cannot be opened.
+/// Opens `file` for appending, with mode 0600, for answers stand in it. No link is followed that is
+/// not trusted (links.h). It must be the null device, or a regular file with one name that belongs
+/// to the effective user or root; anything else counts as a file that cannot be opened.
 /// Becomes the current log when there is none, and then writes the waiting errors. 1; 0 when it
 /// cannot be opened, with `File` as it was.
 int log_open(Log x, const char *file);

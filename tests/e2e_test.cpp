@@ -132,7 +132,7 @@ Once "Notices" is in @here/../noticeboard:
 
   // With the site file and the board itself. The 3 files that the script names show no dot.
   words["@dots"] = std::string(tree.size() + 2 - 3, '.');
-  words["@files"] = std::to_string(tree.size() + 2);
+  words["@files"] = std::to_string(tree.size() + 3);
   converse(Via::Pipe, {"-automate", "-special", "remove"}, "",
            "[remove]\nExecuting[@dots]\n Success @files files done.\n");
   fs::current_path("..");
@@ -194,7 +194,7 @@ Keep the notices [n]? {y}
 Remove the board from ../hall now [y]? {}
 @review{}
 Removing files[..................]
- Success 20 files removed
+ Success 21 files removed
 @exit)");
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }

@@ -7,7 +7,7 @@
 
 namespace installer {
 
-using namespace std::string_literals;
+using std::literals::operator""s;
 
 struct LinesRow {
   std::string text, want;

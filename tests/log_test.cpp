@@ -118,6 +118,14 @@ TEST_F(LogTest, OnlyPlainPlacesOpen) {
     write_file("theirs", "");
     EXPECT_EQ(::chown("theirs", 1, 1), 0);
     EXPECT_EQ(log_open(x, "theirs"), 0);
+    write_file("ours", "");
+    for (const char *target : {"ours", "/etc/passwd", "nothing"}) {
+      fs::remove("planted");
+      fs::create_symlink(target, "planted");
+      EXPECT_EQ(::lchown("planted", 1, 1), 0);
+      EXPECT_EQ(log_open(x, "planted"), 0) << target;
+    }
+    EXPECT_FALSE(fs::exists("nothing"));
   }
   write_file("open", "");
   fs::permissions("open", fs::perms{0666});

@@ -7,11 +7,26 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include <sys/wait.h>
+
 namespace installer {
+
+/// Installs, upgrades and removes the product in the working directory on a view of the machine,
+/// where one can be had: nothing may be left.
+static void expect_round_trip(const char *product) {
+#ifdef INSTALLER_PREVIEW
+  const Start start{"installer-preview", nullptr, INSTALLER_PREVIEW};
+  const Outcome outcome = run({"-round-trip", product}, {}, Via::Pipe, start);
+  if (WEXITSTATUS(outcome.status) == 125) std::printf("%s", outcome.console.c_str());
+  else EXPECT_EQ(outcome.status, 0) << outcome.console;
+#endif
+}
 
 TEST(Manual, ExampleProductRuns) {
   const TempDir folder;
   write_notes();
+  fs::create_symlink(INSTALLER_PROGRAM, "notes");
+  expect_round_trip("./notes");
   const auto expect = [](const std::vector<std::string> &arguments, const char *text) {
     const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;
@@ -27,7 +42,7 @@ TEST(Manual, ExampleProductRuns) {
   EXPECT_EQ(read_tree("out"), installed);
   expect({"-automate", "-special", "pages"}, "]\n Success 1 files done.\n");
   EXPECT_EQ(read_file("www/index.html"), "share/index.html");
-  expect({"-automate", "-special", "remove"}, "]\n Success 9 files done.\n");
+  expect({"-automate", "-special", "remove"}, "]\n Success 11 files done.\n");
   EXPECT_FALSE(fs::exists("out"));
   for (const char *fault : {"Error: Missing", "Error: Unknown"})
     EXPECT_EQ(read_log("notes.log").find(fault), std::string::npos) << read_log("notes.log");
@@ -129,6 +144,9 @@ TEST(Manual, GuideOfReadmeWorks) {
   write_file("guide", guide);
   EXPECT_EQ(std::system("HOME=$PWD bash -eu guide >out 2>&1"), 0) << read_file("out");
   EXPECT_NE(read_file("out").find("\nHello, World!\n"), std::string::npos) << read_file("out");
+  ::setenv("HOME", home.path().c_str(), 1);
+  fs::current_path("hello");
+  expect_round_trip("./hello");
 }
 
 } // namespace installer

@@ -52,7 +52,7 @@ Connection connect(Via via) {
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   if (start.prepare != nullptr) start.prepare();
-  ::execv(INSTALLER_PROGRAM, argv.data());
+  ::execv(start.program, argv.data());
   ::_exit(127);
 }
 

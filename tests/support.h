@@ -64,10 +64,12 @@ enum class Via { Pipe, Pty };
 /// Its name in the list of tests.
 void PrintTo(Via via, std::ostream *out);
 
-/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts.
+/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts;
+/// `program`: another program than the one for products.
 struct Start {
   std::string name = "./pkg";
   void (*prepare)() = nullptr;
+  const char *program = INSTALLER_PROGRAM;
 };
 
 /// `console`: everything on standard output and standard error; `status`: as waitpid gives it;

@@ -59,6 +59,8 @@ RmDir           $(dir)/*                version,notices
 RmDir           $(dir)/notices          -       keep_notices false
 RmFile          $(dir)/version          -
 RmDir           $(dir)                  -       keep_notices false
+# What the init script has written beside this file.
+RmFile          $(current_dir)/last_start       -
 
 [web]
 Exist           $(dir)/conf/installed           installed
