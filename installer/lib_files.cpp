@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace installer {
 
@@ -29,6 +30,10 @@ bool wait_for_input(std::FILE *in) {
   std::clearerr(in);
   return true;
 }
+
+/// True for a terminal that is gone: it delivers the end of input where it delivered an error to
+/// whoever was reading.
+bool hung_up(int fd) { return ::isatty(fd) == 0 && errno == EIO; }
 
 int next_character(std::FILE *in) {
   int c = EOF;
@@ -145,7 +150,9 @@ char *read_reply(char *buffer, std::size_t bfsz) {
   }
   if (std::ferror(stdin) != 0) std::clearerr(stdin); // it is tried anew
   const bool found = read_piece(stdin, buffer, bfsz) > 0;
-  last_input = std::ferror(stdin) != 0 ? Input::Failure : found ? Input::Reply : Input::End;
+  const KeepErrno keep;
+  const bool failed = std::ferror(stdin) != 0 || (!found && hung_up(STDIN_FILENO));
+  last_input = failed ? Input::Failure : found ? Input::Reply : Input::End;
   if (!found) *buffer = '\0';
   return found ? buffer : nullptr;
 }
