@@ -21,3 +21,19 @@ function(needs_only_libc target)
                         "$<$<CONFIG:Release>:-s>")
   endif()
 endfunction()
+
+# Products go to machines older than this one: newer symbols of the C library are replaced by what
+# it had before. The sanitizers bring calls of their own.
+include(CheckCXXSymbolExists)
+check_cxx_symbol_exists(__GLIBC__ features.h has_glibc)
+function(runs_on_old_glibc target)
+  if(INSTALLER_SANITIZE OR NOT has_glibc OR NOT CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    return()
+  endif()
+  target_sources(${target} PRIVATE "${PROJECT_SOURCE_DIR}/portable/old_glibc.cpp")
+  # Linked as it stands: versions of symbols are lost in link-time optimisation.
+  set_source_files_properties("${PROJECT_SOURCE_DIR}/portable/old_glibc.cpp"
+                              PROPERTIES COMPILE_OPTIONS -fno-lto)
+  target_link_options(${target} PRIVATE -Wl,--wrap=__libc_start_main
+                      -Wl,--wrap=pthread_once -Wl,--wrap=__pthread_key_create)
+endfunction()

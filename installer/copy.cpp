@@ -38,9 +38,9 @@ template <auto operation> int run(pCopy x, std::uint32_t index, std::uint64_t * 
   return operation(x, index);
 }
 
-int run_unknown(pCopy /*x*/, std::uint32_t /*index*/, std::uint64_t * /*bytes*/) {
-  cerror("How did we get here!");
-  return 0;
+int run_unknown(pCopy x, std::uint32_t index, std::uint64_t * /*bytes*/) {
+  const FileSink *sink = x->watch != nullptr ? &x->watch->event : nullptr;
+  return file_failure(sink, "unknown command", copy_src(x, index), {}, "How did we get here!");
 }
 
 constexpr CopyCommand commands[] = {

@@ -177,15 +177,25 @@ int change_each(Entries entries, const char *exclude, const ChangeWords &words,
   return count;
 }
 
+/// The entries that a command changes; told when there is none.
+Entries list_changed(const char *path, const char *file, const char *exclude,
+                     const FileSink *sink) {
+  Entries entries{path, file, missed_change(exclude, sink)};
+  if (!entries)
+    file_event(sink,
+               {FileResult::Nothing, "nothing matches", (std::string{path} + file).c_str(), {}});
+  return entries;
+}
+
 int change_owners(const char *path, const char *file, const char *exclude, const FileSink *sink,
                   ::uid_t uid, ::gid_t gid) {
-  return change_each(Entries{path, file, missed_change(exclude, sink)}, exclude, chown_words, sink,
+  return change_each(list_changed(path, file, exclude, sink), exclude, chown_words, sink,
                      [=](File entry) { return file_chown(entry, uid, gid, sink); });
 }
 
 int change_modes(const char *path, const char *file, const char *exclude, const FileSink *sink,
                  ::mode_t mode) {
-  return change_each(Entries{path, file, missed_change(exclude, sink)}, exclude, chmod_words, sink,
+  return change_each(list_changed(path, file, exclude, sink), exclude, chmod_words, sink,
                      [=](File entry) { return file_chmod(entry, mode, sink); });
 }
 
@@ -260,7 +270,10 @@ bool gate_open(pCopy x, std::uint32_t index) {
 /// False, told, when an operand of a `Rename` reaches further than the packager can have meant.
 bool may_rename(pCopy x, const Text &emptied, const char *operand) {
   if (!not_emptied(x, emptied, operand)) return false;
-  if (!same_file(operand, "/")) return true;
+  struct ::stat named = {}; // not what a link leads to, which stays where it is
+  struct ::stat root = {};
+  const bool known = ::lstat(operand, &named) == 0 && ::stat("/", &root) == 0;
+  if (!known || !same_inode(named, root)) return true;
   file_failure(sink_of(x), "the root directory, nothing done", operand, {},
                "'%s' is the root directory, nothing done", operand);
   return false;

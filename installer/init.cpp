@@ -131,7 +131,7 @@ bool gate_open(Ini ini, const init_item &item) {
 /// The fault of an item that could not do what it does with a path.
 Fault failed(const init_s &script, const init_item &item, const InitCommand &command,
              const char *path, const Cause &cause) {
-  const std::string doing = command.doing;
+  const std::string doing = or_empty(command.doing);
   const std::string text = "Failed to " + doing + " (" + path + "), " + cause_text(cause);
   return {
       Severity::Error,

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <linux/stat.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -27,7 +28,7 @@ bool is_scarcity(int number) {
 
 bool is_mount_point(int fd) {
   struct ::statx info = {};
-  return ::statx(fd, "", AT_EMPTY_PATH, 0, &info) == 0 &&
+  return ::syscall(SYS_statx, fd, "", AT_EMPTY_PATH, 0, &info) == 0 && // newer than old C libraries
          (info.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 

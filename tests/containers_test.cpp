@@ -10,19 +10,29 @@ namespace installer {
 TEST(Array, InsertsGrowsAndReleases) {
   auto *a = array_init<std::string>();
   const auto add = [&a](char name, std::int32_t pos) {
-    return array_add_num(a, new std::string(1, name), pos);
+    EXPECT_EQ(array_add_num(a, new std::string(1, name), pos), 1) << name;
+    return a->current;
   };
-  EXPECT_TRUE(add('b', 0) == 1 && add('d', 1) == 1 && *array_get_num(a, 0) == "b");
-  EXPECT_TRUE(add('c', 1) == 1 && a->current == 2 && add('a', 0) == 1 && a->current == 3);
-  EXPECT_TRUE(add('e', 4) == 1 && a->current == 3 && *array_get(a) == "d");
+  add('b', 0), add('d', 1);
+  EXPECT_EQ(*array_get_num(a, 0), "b");
+  EXPECT_EQ(add('c', 1), 2);
+  EXPECT_EQ(add('a', 0), 3);
+  EXPECT_EQ(add('e', 4), 3);
   std::string unused, read;
-  EXPECT_EQ(array_add_num(a, &unused, 6) + array_add_num(a, &unused, -1), 0);
-  EXPECT_TRUE(*array_get(a) == "e" && !array_get(a) && !array_get_num(a, 5));
-  for (int i = 6; i <= 21; ++i) EXPECT_TRUE(add('+', 5) == 1 && a->size == (i + 9) / 10 * 10) << i;
+  for (const std::int32_t outside : {6, -1}) EXPECT_EQ(array_add_num(a, &unused, outside), 0);
+  for (const char *next : {"d", "e"}) EXPECT_EQ(*array_get(a), next);
+  EXPECT_EQ(array_get(a), nullptr);
+  EXPECT_EQ(array_get_num(a, 5), nullptr);
+  for (int size = 6; size <= 21; ++size) {
+    add('+', 5);
+    EXPECT_EQ(a->size, (size + 9) / 10 * 10);
+  }
   for (auto *p = array_get_num(a, 0); p != nullptr; p = array_get(a)) read += *p;
   EXPECT_EQ(read, "abcde++++++++++++++++");
   array_free_dealloc(&a);
-  EXPECT_TRUE(a == nullptr && array_add(a, &unused) == 0 && array_get(a) == nullptr);
+  EXPECT_EQ(a, nullptr);
+  EXPECT_EQ(array_add(a, &unused), 0);
+  EXPECT_EQ(array_get(a), nullptr);
 }
 
 TEST(List, CursorKeepsItsElement) {
@@ -44,7 +54,9 @@ TEST(List, CursorKeepsItsElement) {
     else EXPECT_EQ(list_add(l, new std::string(1, step)), 1);
   EXPECT_EQ(seen, "|0 bc|2 a|bcb3 |abca3 abcd|4 abc|3 a|cc2 |cc1 |0 f|ee2 ");
   list_free_dealloc(&l);
-  EXPECT_TRUE(l == nullptr && list_get(l) == nullptr && list_del(l) == nullptr);
+  EXPECT_EQ(l, nullptr);
+  EXPECT_EQ(list_get(l), nullptr);
+  EXPECT_EQ(list_del(l), nullptr);
 }
 
 } // namespace installer

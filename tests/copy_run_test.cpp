@@ -203,9 +203,16 @@ TEST_F(CopyRunTest, ReachesNotTooFar) {
          {"$(empty)src/*", "src$(empty)", "/no-such-*", "//no-such-?", "../root/no-such-*",
           "$(none)src/*", dots.c_str(), stars.c_str()})
       refuses(command, source);
+  for (const std::string command : {"CopyFile @ - ./out1", "CopyDir @ - ./out1"})
+    for (const std::string source : {"/no-such-*", "//no-such-?", "../root/no-such-*"})
+      refuses(command, source);
+  for (const std::string command : {"Rename @ z", "Rename file @"})
+    for (const std::string source : {"$(empty)file", "z$(empty)", "/", "//", "/.."})
+      refuses(command, source);
   for (const char *command : {"CopyFile @src/* - ./out1", "CopyDir ./src - @out1", "MkDir @new"})
     refuses(command, dots);
   EXPECT_EQ(changes("RmDir /no-such-entry -"), "failed");
+  EXPECT_EQ(changes("Rename ../root ../moved\nRename ../moved ../root"), "2 0"); // a link only
   if (::geteuid() != 0) GTEST_SKIP() << "only root may have a root directory of its own";
   const auto run_in_root = [this] {
     fs::create_directories("." + fs::temp_directory_path().string());

@@ -6,11 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,19 +90,86 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
   }
 }
 
-TEST(Fault, KilledAtEveryTenthSystemCall) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-  const Tree complete = expected_tree();
-  int kills = 0;
-  for (bool killed = true; killed; ++kills) {
-    const TempDir scratch;
-    write_product();
-    killed = run_and_kill(10 * (kills + 1));
-    install();
-    ASSERT_EQ(read_tree("out"), complete) << "after kill " << kills;
-  }
-  EXPECT_GT(kills, 10);
+enum Action { Install, Upgrade, Remove };
+struct Product {
+  std::string name;
+  void (*write)();
+};
+
+/// What an action left, with the modes; of a removal only the files.
+static Tree result(Action action) {
+  Tree tree = fs::exists("out") ? read_tree("out") : Tree{};
+  for (auto &[name, text] : tree)
+    text += " " + std::to_string(static_cast<unsigned>(fs::status("out/" + name).permissions()));
+  if (action == Remove) std::erase_if(tree, [](auto &entry) { return entry.first.ends_with('/'); });
+  return tree;
 }
+
+static std::vector<std::string> arguments_of(Action action) {
+  if (action != Remove) return {"-automate"};
+  return {"-automate", "-special", "remove"};
+}
+
+static Outcome act(const Product &product, Action action) {
+  return run(arguments_of(action), {}, Via::Pipe, {.name = "./" + product.name});
+}
+
+/// Kills the action before its system call number 37 * `place`. False: it ended earlier.
+static bool kill_at(const Product &product, Action action, int place) {
+  return run_and_kill(37 * place, arguments_of(action), {.name = product.name});
+}
+
+/// Runs the action with a failure before its command number `place`. False: it has fewer.
+static bool fail_at(const Product &product, Action action, int place) {
+  const std::string file = product.name + ".cpy", script = read_file(file);
+  std::size_t at = script.find(action == Install ? "[install]\n" : "[upgrade]\n");
+  const std::size_t end = script.find("\n[", at);
+  for (; place > 0; place -= std::isupper(script[at]) ? 1 : 0) at = script.find('\n', at) + 1;
+  if (action == Remove || at >= end) return false;
+  write_file(file, script.substr(0, at) + "RFile missing x\n" + script.substr(at));
+  EXPECT_NE(act(product, action).console.find("\nFailed, "), std::string::npos);
+  write_file(file, script);
+  return true;
+}
+
+struct CutShort : testing::TestWithParam<Product> {
+  CutShort() { GetParam().write(); }
+
+  /// What is there before the action.
+  static void prepare(Action action) {
+    for (const char *tree : {"out", "half"}) fs::remove_all(tree);
+    if (action != Install) act(GetParam(), Install);
+  }
+
+  const TempDir scratch;
+};
+
+TEST_P(CutShort, IsUndoneAndFinished) {
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  for (const Action action : {Install, Upgrade, Remove})
+    for (const auto cut : {kill_at, fail_at}) {
+      prepare(action);
+      const std::string console = act(GetParam(), action).console;
+      EXPECT_NE(console.find("Success "), std::string::npos) << console;
+      const Tree complete = result(action);
+      for (int place = 1; prepare(action), cut(GetParam(), action, place); ++place) {
+        SCOPED_TRACE(place);
+        if (result(action) == complete) continue;
+        if (fs::exists("out")) fs::copy("out", "half", fs::copy_options::recursive);
+        act(GetParam(), Remove);
+        EXPECT_EQ(result(Remove), Tree{});
+        fs::remove_all("out");
+        if (fs::exists("half")) fs::rename("half", "out");
+        act(GetParam(), action);
+        ASSERT_EQ(result(action), complete);
+      }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(, CutShort,
+                         testing::Values(Product{"noticeboard", write_demo},
+                                         Product{"notes", write_notes}),
+                         [](const auto &product) { return product.param.name; });
 
 TEST(Fault, FileThatFailsWhenItIsClosed) {
   if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
@@ -126,6 +199,61 @@ TEST(Fault, Limits) {
     install();
     EXPECT_EQ(read_tree("out"), complete);
   }
+}
+
+/// From now on these calls of the system fail so.
+static void refuse(std::initializer_list<unsigned> calls, unsigned error) {
+  std::vector<struct ::sock_filter> program;
+  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct ::seccomp_data, nr)));
+  for (const unsigned call : calls) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
+  }
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const struct ::sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
+constexpr unsigned Openat2 = 437, Fchmodat2 = 452;
+
+TEST(Fault, OldKernelsAndSandboxes) {
+  const Tree complete = expected_tree();
+  for (const auto prepare : {+[] {
+                               refuse({Openat2, Fchmodat2, SYS_statx}, ENOSYS);
+                             },
+                             +[] {
+                               refuse({Openat2, Fchmodat2, SYS_statx}, EPERM);
+                             },
+                             +[] { refuse({Fchmodat2}, EIO); }}) {
+    const TempDir scratch;
+    write_product();
+    write_file("out/one", "old"); // is replaced
+    const std::string console = install(prepare).console;
+    EXPECT_EQ(read_tree("out"), complete) << console;
+    const std::string log = read_log("installer.log");
+    const bool changed = (fs::status("out/one").permissions() & fs::perms::all) == fs::perms{0750};
+    EXPECT_NE(changed, log.find("Error changing mode of '") != log.npos) << log;
+  }
+}
+
+TEST(Fault, DeepTreesOnASmallStack) {
+  const TempDir scratch;
+  write_product();
+  std::string deep = "src";
+  while (deep.size() < 235 - scratch.path().size()) deep += "/d";
+  write_file(deep + "/f", "at the bottom");
+  write_file("installer.cpy", "[install]\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
+                              "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
+  fs::create_directory("out");
+#ifdef __SANITIZE_ADDRESS__
+  const auto prepare = [] { limit(RLIMIT_STACK, 1U << 20); };
+#else
+  const auto prepare = [] { limit(RLIMIT_STACK, 128U << 10); };
+#endif
+  const Outcome outcome = install(prepare);
+  EXPECT_NE(outcome.console.find("\nSuccess "), outcome.console.npos) << outcome.console;
+  EXPECT_FALSE(fs::exists("out/d") || told(outcome.console));
 }
 
 TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {

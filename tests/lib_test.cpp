@@ -20,24 +20,29 @@ static std::string in_block(std::size_t size, const std::string &text, Change ch
 }
 
 TEST(Text, ComparesAndTrims) {
-  EXPECT_EQ(s_stricmp("aBz", "AbZ") + s_stricmp("a_", "AB") + s_stricmp("a", ""), '_' - 'b' + 'a');
-  EXPECT_EQ(s_stricmp("\xc9", "\xe9") + s_stricmp("a", None) + s_strcmp(None, "a"), -32 - 2);
+  EXPECT_EQ(s_stricmp("aBz", "AbZ"), 0);
+  EXPECT_EQ(s_stricmp("a_", "AB"), '_' - 'b');
+  EXPECT_EQ(s_stricmp("a", ""), 'a');
+  EXPECT_EQ(s_stricmp("\xc9", "\xe9"), -32);
+  EXPECT_EQ(s_stricmp("a", None), -1);
+  EXPECT_EQ(s_strcmp(None, "a"), -1);
   for (const char *text : {" \t\v a b\t\f\r\n", "a b", "a b\n\n", "\n\ra b"})
     EXPECT_STREQ(s_strtrm(std::string{text}.data()), "a b") << text;
   EXPECT_STREQ(s_strtrm(std::string{" \t\r\n"}.data()), "");
-  EXPECT_TRUE(!s_strtrm(nullptr) && !s_strstr(None, "a") && !s_strstr("a", None));
   for (const char *yes : {"true", "YES", "y", "On", "checked", "SELECTED", "1", "-1", "2x", " 5"})
-    EXPECT_TRUE(istrue(yes) == 1 && isfalse(yes) == 0) << yes;
+    EXPECT_EQ(std::pair(istrue(yes), isfalse(yes)), std::pair(1, 0)) << yes;
   for (const char *no : {"false", "No", "n", "OFF", "0", "00", "-0", "a0", "0x1"})
-    EXPECT_TRUE(istrue(no) == 0 && isfalse(no) == 1) << no;
+    EXPECT_EQ(std::pair(istrue(no), isfalse(no)), std::pair(0, 1)) << no;
   for (const char *neither : {"", "maybe", "truex", "nope", "yes ", "ab0", "-", None})
-    EXPECT_TRUE(istrue(neither) == 0 && isfalse(neither) == 0) << or_empty(neither);
+    EXPECT_EQ(std::pair(istrue(neither), isfalse(neither)), std::pair(0, 0)) << or_empty(neither);
 }
 
 TEST(Text, CopiesAndCuts) {
   EXPECT_EQ(in_block(4, "ab", [](char *b) { return scpy(b, "cdef", 4); }), "cde 3");
-  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scpy(b, None, 4) + scat(b, None, 4); }), " 0");
-  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scpy(b, "x", 0) + scat(b, "x", 0); }), "ab 0");
+  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scpy(b, None, 4); }), " 0");
+  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scat(b, None, 4); }), "ab 0");
+  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scpy(b, "x", 0); }), "ab 0");
+  EXPECT_EQ(in_block(4, "ab", [](char *b) { return scat(b, "x", 0); }), "ab 0");
   EXPECT_EQ(in_block(6, "ab", [](char *b) { return scat(b, "cd", 6); }), "abcd 4");
   EXPECT_EQ(in_block(5, "ab", [](char *b) { return scat(b, "cd", 5); }), "abc 3");
   EXPECT_EQ(in_block(4, "abcd", [](char *b) { return scat(b, "e", 4); }), "abc 3");
@@ -47,10 +52,20 @@ TEST(Text, CopiesAndCuts) {
   EXPECT_EQ(in_block(4, "cd", [](char *b) { return spre(b, "ab", 4); }), "cd null");
   EXPECT_EQ(in_block(9, "", [](char *b) { return sreplace("aaab", "aa", "ba", b, 9); }), "baab");
   EXPECT_EQ(in_block(4, "", [](char *b) { return sreplace("a.b.cd", ".", None, b, 4); }), "abc");
-  EXPECT_EQ(scpy(nullptr, "x", 4) + scat(nullptr, "x", 4) + schunk("x", ".", nullptr, 4), 0U);
+  EXPECT_EQ(scpy(nullptr, "x", 4), 0U);
+  EXPECT_EQ(scat(nullptr, "x", 4), 0U);
+  EXPECT_EQ(schunk("x", ".", nullptr, 4), 0U);
   EXPECT_STREQ(HeapText{smake("abcd", 4)}.get(), "abc");
   EXPECT_STREQ(HeapText{sadd(sadd(sadd(nullptr, "ab"), None), "cd")}.get(), "abcd");
-  EXPECT_TRUE(!smake("x", 0) && !smake(None, 4) && !spre(nullptr, "x", 4) && !sadd(nullptr, None));
+}
+
+TEST(Text, NothingOfNothing) {
+  const void *const results[] = {s_strtrm(nullptr),   s_strstr(None, "a"),
+                                 s_strstr("a", None), smake("x", 0),
+                                 smake(None, 4),      spre(nullptr, "x", 4),
+                                 sadd(nullptr, None), strip_path(nullptr),
+                                 strip_ext(nullptr),  strip_file(nullptr, nullptr, 0)};
+  for (const void *const &result : results) EXPECT_EQ(result, nullptr) << &result - results;
 }
 
 TEST(Paths, Strip) {
@@ -69,17 +84,24 @@ TEST(Paths, Strip) {
     EXPECT_EQ(in_block(20, path, strip_path), name) << path;
     EXPECT_EQ(in_block(20, path, strip_ext), bare) << path;
   }
-  EXPECT_TRUE(!strip_file(nullptr, nullptr, 0) && !strip_path(nullptr) && !strip_ext(nullptr));
 }
 
 TEST(Paths, Attach) {
-  const auto attach = [](const char *path, const char *file, std::size_t size = 9) {
-    return in_block(size, path, [&](char *b) { return attach_path(b, file, size); }) + " ";
+  const char *const rows[][3] = {
+      {"a",        "b",      "a/b"     },
+      {"a\\",      "\\b\\c", "a/b/c"   },
+      {"a",        "/b",     "a/b"     },
+      {"a/",       "//b",    "a//b"    },
+      {"",         "\\b",    "/b"      },
+      {"",         "b",      "b"       },
+      {"a",        "",       "a/"      },
+      {"a\\b",     None,     "a/b"     },
+      {"",         "",       " null"   },
+      {"abcdefg",  "hi",     "abcdefg/"},
+      {"abcdefgh", "i",      "abcdefgh"}
   };
-  EXPECT_EQ(attach("a", "b") + attach("a\\", "\\b\\c") + attach("a", "/b"), "a/b a/b/c a/b ");
-  EXPECT_EQ(attach("a/", "//b") + attach("", "\\b") + attach("", "b"), "a//b /b b ");
-  EXPECT_EQ(attach("a", "") + attach("a\\b", None) + attach("", ""), "a/ a/b  null ");
-  EXPECT_EQ(attach("abc", "def", 6) + attach("abc", "def", 4), "abc/d abc ");
+  for (const auto &[path, file, want] : rows)
+    EXPECT_EQ(in_block(9, path, [&](char *b) { return attach_path(b, file, 9); }), want) << path;
   EXPECT_EQ(in_block(6, "abc", [](char *b) { return attach_ext(b, ".log", 6); }), "abc.l");
   EXPECT_EQ(in_block(6, "d", [](char *b) { return join_path(b, 6, b, "a\\b"); }), "d/a\\b 1");
   EXPECT_EQ(in_block(3, "d", [](char *b) { return join_path(b, 3, b, "x"); }), "d 0");

@@ -7,12 +7,12 @@
 
 namespace installer {
 
-using namespace std::string_literals;
+using std::literals::operator""s;
 
 struct LinesRow {
   std::string text, want;
-  const char *section = nullptr;
-  LineRules rules = {};
+  const char *section;
+  LineRules rules;
 };
 
 /// Each line as "number:line", with "+" for one that continues another and "~" for one that is
@@ -24,7 +24,7 @@ static std::string read_lines(const LinesRow &row) {
     remarks += "!" + std::to_string(fault.line) + " " + fault.text + ";";
   };
   Lines lines{"lines", take, row.rules};
-  if (row.section == nullptr || lines.enter(row.section))
+  if (*row.section == '\0' || lines.enter(row.section))
     for (const char *line : lines)
       got += std::to_string(lines.number()) + ":" + (lines.continued() ? "+" : "") +
              (std::strlen(line) < 20 ? line : "long") + (lines.cut() ? "~" : "") + ";";
@@ -33,27 +33,27 @@ static std::string read_lines(const LinesRow &row) {
 
 TEST(Lines, ReadsAndCounts) {
   const TempDir folder;
-  const std::string long_word(999, 'x'), blanks(3000, ' '), zero(1, '\0');
+  const std::string long_word(999, 'x'), blanks(3000, ' ');
   const std::string long_line = "!1 The line is longer than 999 characters;";
+  const std::string outside = "!1 The line stands before the first section;";
+  const std::string mark = "!1 The file begins with a byte order mark;";
+  const std::string end = "!7 The line ends with a carriage return;";
+  const LineRules plain = {}, joined = {.joined_comments = true}, ends = {.zero_ends_line = true};
   const LinesRow rows[] = {
-      {"a\n\n # b\n  c d \t\nlast",                    "1:a;4:c d;5:last;"         },
-      {                                                                  long_word + "\nb",                                 "1:long;2:b;"                            },
-      {                                         long_word + blanks + "\nb",                                              "1:long;2:b;"                                                    },
-      {           "ab" + blanks + "c\nd",                           "1:ab~;1:+c;2:d;" + long_line},
-      {                                                       long_word + "y\n[b]",                      "1:long~;1:+y;2:[b];" + long_line           },
-      { "#" + long_word + "y\nb",                                       "1:+xy;2:b;" + long_line                                         },
-      {                                                                                                      "#" + long_word + long_word + "y\nb",                "2:b;",      nullptr, {.joined_comments = true}},
-      {                 "a\n# \0b\n\0\nc"s,                                       "1:a;line 3 holds a zero byte"                                          },
-      {                                                           "a\nb\0c\nd"s,                                        "1:a;2:b;3:d;",                                                  nullptr, {.zero_ends_line = true}},
-      {                                                                                              "\0\n[x]\n\0\n[i]\na\n[\0]\n\0"s,                "5:a;",                      "I"},
-      {                                               "[i]\na\n\0"s,                    "2:a;line 3 holds a zero byte",                                         "i"},
-      {                                                                             "[i\0]\na"s,     "line 1 holds a zero byte",                              "i"},
-      {                                                                      "o\np\n[x]\nb\n[i\n#c\nd\r\ne\r\n[i]\nf",
-       "7:d;8:e;!1 The line stands before the first section;"
-       "!7 The line ends with a carriage return;",                          "i"},
-      {                                          "\xef\xbb\xbf[i]\na",
-       "!1 The file begins with a byte order mark;"
-       "!1 The line stands before the first section;",                                                  "i"},
+      {"a\n\n # b\n  c d \t\nlast",              "1:a;4:c d;5:last;",               "",  plain },
+      {long_word + "\nb",                        "1:long;2:b;",                     "",  plain },
+      {long_word + blanks + "\nb",               "1:long;2:b;",                     "",  plain },
+      {"ab" + blanks + "c\nd",                   "1:ab~;1:+c;2:d;" + long_line,     "",  plain },
+      {long_word + "y\n[b]",                     "1:long~;1:+y;2:[b];" + long_line, "",  plain },
+      {"#" + long_word + "y\nb",                 "1:+xy;2:b;" + long_line,          "",  plain },
+      {"#" + long_word + long_word + "y\nb",     "2:b;",                            "",  joined},
+      {"a\n# \0b\n\0\nc"s,                       "1:a;line 3 holds a zero byte",    "",  plain },
+      {"a\nb\0c\nd"s,                            "1:a;2:b;3:d;",                    "",  ends  },
+      {"\0\n[x]\n\0\n[i]\na\n[\0]\n\0"s,         "5:a;",                            "I", plain },
+      {"[i]\na\n\0"s,                            "2:a;line 3 holds a zero byte",    "i", plain },
+      {"[i\0]\na"s,                              "line 1 holds a zero byte",        "i", plain },
+      {"o\np\n[x]\nb\n[i\n#c\nd\r\ne\r\n[i]\nf", "7:d;8:e;" + outside + end,        "i", plain },
+      {"\xef\xbb\xbf[i]\na",                     mark + outside,                    "i", plain },
   };
   for (const LinesRow &row : rows) EXPECT_EQ(read_lines(row), row.want) << row.text.substr(0, 40);
 }

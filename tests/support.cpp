@@ -8,11 +8,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <regex>
+#include <sstream>
 
 #include <fcntl.h>
 #include <pty.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
@@ -45,18 +46,22 @@ Connection connect(Via via) {
   return c;
 }
 
-[[noreturn]] void start_program(const Connection &c, std::vector<std::string> arguments,
-                                const Start &start) {
-  ::dup2(c.to[0], STDIN_FILENO);
-  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
+[[noreturn]] void execute(std::vector<std::string> arguments, const Start &start) {
   arguments.insert(arguments.begin(), start.name);
   std::vector<char *> argv;
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  ::alarm(60); // outlives the exec
   if (start.prepare != nullptr) start.prepare();
-  ::execv(INSTALLER_PROGRAM, argv.data());
+  ::execv(start.program, argv.data());
   ::_exit(127);
+}
+
+[[noreturn]] void start_program(const Connection &c, const std::vector<std::string> &arguments,
+                                const Start &start) {
+  ::dup2(c.to[0], STDIN_FILENO);
+  for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
+  ::alarm(60); // outlives the exec
+  execute(arguments, start);
 }
 
 /// Types the next line, or the end of file. It takes two of these behind a line without an end: the
@@ -93,8 +98,9 @@ void write_file(const std::string &path, const std::string &text) {
 }
 
 std::string read_file(const std::string &path) {
-  std::ifstream stream{path, std::ios::binary};
-  return {std::istreambuf_iterator<char>{stream}, {}};
+  std::ostringstream text;
+  text << std::ifstream{path, std::ios::binary}.rdbuf();
+  return text.str();
 }
 
 std::string read_log(const std::string &path) {
@@ -120,6 +126,37 @@ Tree read_tree(const std::string &path) {
     else tree[name] = read_file(entry.path().string());
   }
   return tree;
+}
+
+Tree read_page(const std::string &name) {
+  const std::regex display{R"re(\.\\" file (.*)\n.*\n([^]*?)\.Ed\n)re"}, backslash{R"(\\e)"};
+  const std::string page = read_file(INSTALLER_SOURCE_DIR "/man/" + name);
+  Tree files;
+  for (std::sregex_iterator it{page.begin(), page.end(), display}, end; it != end; ++it)
+    files[it->str(1)] = std::regex_replace(it->str(2), backslash, "\\");
+  return files;
+}
+
+/// Puts settings in front of the others: the first of a name wins.
+static void preset(const std::string &file, const std::string &settings) {
+  write_file(file, "dir $(current_dir)/out\n" + settings + read_file(file));
+}
+
+void write_demo() {
+  fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
+  preset("noticeboard.dat", "");
+}
+
+void write_notes() {
+  for (const char *name : {"dat", "int", "q", "cpy"})
+    for (const auto &[file, text] : read_page(std::string{"installer-"} + name + ".5"))
+      write_file(file, text);
+  for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
+    write_file(std::string{"files/"} + file, file);
+  write_file("www/other", "");
+  const struct ::passwd *user = ::getpwuid(::getuid());
+  const std::string owner = user != nullptr ? user->pw_name : "root";
+  preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
 }
 
 Store make_store(const std::vector<std::string> &settings) {
@@ -177,13 +214,12 @@ int run_injected(const std::string &inject, const std::string &path) {
 
 bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
 
-bool run_and_kill(int last) {
+bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {
   const ::pid_t pid = ::fork();
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    ::execl(INSTALLER_PROGRAM, "./installer", "-automate", nullptr);
-    ::_exit(1);
+    execute(arguments, start);
   }
   int status = 0;
   for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {

@@ -45,6 +45,14 @@ std::string take_errors();
 using Tree = std::map<std::string, std::string>;
 [[nodiscard]] Tree read_tree(const std::string &path);
 
+/// The files that a manual page shows: each in a display behind a comment with its name.
+[[nodiscard]] Tree read_page(const std::string &name);
+
+/// Writes a product into the working directory, to be installed in "out" there: the demo
+/// ("noticeboard"), and that of the manual pages ("notes").
+void write_demo();
+void write_notes();
+
 /// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
 using Store = std::unique_ptr<ini, Release<ini_free>>;
 [[nodiscard]] Store make_store(const std::vector<std::string> &settings);
@@ -56,10 +64,12 @@ enum class Via { Pipe, Pty };
 /// Its name in the list of tests.
 void PrintTo(Via via, std::ostream *out);
 
-/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts.
+/// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts;
+/// `program`: another program than the one for products.
 struct Start {
   std::string name = "./pkg";
   void (*prepare)() = nullptr;
+  const char *program = INSTALLER_PROGRAM;
 };
 
 /// `console`: everything on standard output and standard error; `status`: as waitpid gives it;
@@ -78,8 +88,8 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input 
 int run_injected(const std::string &inject, const std::string &path = {});
 /// True where strace may trace.
 bool can_trace();
-/// Runs the product "installer" unattended and kills it before its system call number `last`.
-/// False: it ended earlier.
-bool run_and_kill(int last);
+/// Runs the program and kills it before its system call number `last`. False: it ended earlier.
+bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
+                  const Start &start = {.name = "./installer"});
 
 } // namespace installer

@@ -3,7 +3,10 @@
 Exist           $(source)/board/html/welcome.$(language).html   language_known
 Error           language_known There are no pages in the language "$(language)". Choose en or de.
 
+# Each command can be done again over what a run that was cut short has left. The file "version" is
+# there from the first to the last: it says that the directory is a board's.
 MkDir           $(dir)
+WFile           $(dir)/version          version
 CopyDir         $(source)/board/*       *.draft $(dir)
 Rename          $(dir)/html/welcome.$(language).html    $(dir)/html/index.html
 RmFile          $(dir)/html/welcome.*   -
@@ -12,15 +15,20 @@ MkDir           $(dir)/log
 CopyFile        $(source)/samples/*.txt -       $(dir)/notices  start samples
 CopyFile        $(own_notice)           -       $(dir)/notices  start own
 
+# The settings of a whole board are the operator's, whoever installs over it.
 MkDir           $(dir)/conf
-Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf
-WFile           $(dir)/conf/version             version
+Exist           $(dir)/conf/installed           installed
+Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf  installed false
 WFile           $(dir)/conf/language            language
 
 # Modes are not copied.
 Chmod           $(dir)/cgi/*.cgi        -       755
 Chmod           $(dir)/conf/*.conf      -       640
 Chown           $(dir)/notices          -       $(owner)        change_owner
+
+# All is there. The mark is written beside its place and renamed, so that it is whole or missing.
+WFile           $(dir)/conf/installing  version
+Rename          $(dir)/conf/installing  $(dir)/conf/installed
 
 [upgrade]
 Exist           $(source)/board/html/welcome.$(language).html   language_known
@@ -31,19 +39,30 @@ RFile           $(dir)/conf/board.conf          settings
 WFile           $(dir)/conf/$(backup).conf      settings        keep_backup
 Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf.new
 
+# All else is copied as in an install, but for the samples: those may have been taken down.
+WFile           $(dir)/version          version
 CopyDir         $(source)/board/*       *.draft $(dir)
 Rename          $(dir)/html/welcome.$(language).html    $(dir)/html/index.html
 RmFile          $(dir)/html/welcome.*   -
-WFile           $(dir)/conf/version             version
+MkDir           $(dir)/notices
+MkDir           $(dir)/log
 WFile           $(dir)/conf/language            language
 Chmod           $(dir)/cgi/*.cgi        -       755
 Chmod           $(dir)/conf/*.conf      -       640
+WFile           $(dir)/conf/installing  version
+Rename          $(dir)/conf/installing  $(dir)/conf/installed
 
 [remove]
-RmDir           $(dir)/*                notices keep_notices
+# What is left by a removal that was cut short is no whole board, but still a board.
+RmFile          $(dir)/conf/installed   -
+RmDir           $(dir)/*                version,notices
+RmDir           $(dir)/notices          -       keep_notices false
+RmFile          $(dir)/version          -
 RmDir           $(dir)                  -       keep_notices false
+# What the init script has written beside this file.
+RmFile          $(current_dir)/last_start       -
 
 [web]
-Exist           $(dir)/conf/board.conf          installed
+Exist           $(dir)/conf/installed           installed
 Ini             $(source)/web/site.conf.in      $(site_dir)/noticeboard-site.conf       installed
 Chmod           $(site_dir)/noticeboard-site.conf       -       644     installed

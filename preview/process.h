@@ -1,0 +1,33 @@
+#pragma once
+
+// One run of a command in the view. It gets a process name space, and a mount name space in which
+// there is nothing but the view: it can neither signal nor inspect a process of the machine, nor
+// find a way to the machine's files through one. The first process of that name space ends with
+// this process, however that ends, and takes all others with it; so no run outlives the preview.
+//
+// The command stays in the process group of this process, so that the terminal's signals and job
+// control reach it as they would without a preview.
+
+#include "preview/streams.h"
+#include "preview/view.h"
+
+#include <string>
+#include <vector>
+
+namespace installer {
+
+/// `started`: the command was in the view; else a message has been printed. `status`: its exit
+/// status, 128 + n when a signal ended it, 126 or 127 when it cannot be run (as env(1)).
+struct RunResult {
+  bool started = false;
+  int status = 125;
+};
+
+/// Runs `arguments` (the command first, looked up in PATH) in `folder` of the view with the
+/// standard streams of `streams`, and waits for its end. Processes that the command leaves behind
+/// are ended. SIGINT, SIGTERM, SIGHUP and SIGQUIT sent to this process go on to the command, unless
+/// they were ignored; a command that does not end within some seconds of that is killed.
+[[nodiscard]] RunResult process_run(const View &view, const std::vector<std::string> &arguments,
+                                    const std::string &folder, const Streams &streams);
+
+} // namespace installer

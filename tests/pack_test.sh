@@ -1,0 +1,172 @@
+#!/usr/bin/env bash
+# One product as one file: made by installer-pack, run, damaged, interrupted.
+# Usage: tests/pack_test.sh DIRECTORY-OF-THE-PROGRAMS
+set -euo pipefail
+programs=$(cd "$1" && pwd) examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../examples" && pwd)
+scratch=$(mktemp -d) failures=0
+trap 'chmod -R u+rwX "$scratch"; rm -rf "$scratch"' EXIT
+mkdir "$scratch"/{tmp,bin,start}
+export TMPDIR=$scratch/tmp PATH=$programs:$PATH
+cd "$scratch"
+
+# is TITLE WANTED GOT
+is() {
+  [[ $2 != "$3" ]] || return 0
+  printf 'FAILED %s: wanted "%s", got "%s"\n' "$1" "$2" "$3"
+  failures=$((failures + 1))
+}
+status() { local status=0; "$@" >out 2>&1 || status=$?; echo "$status"; }
+# shellcheck disable=SC2012 # our own names
+entries() { ls -A "$1" | paste -sd ' '; }
+nothing_left() { is "$1: TMPDIR" "" "$(entries tmp)"; }
+
+if ! command -v installer-check >/dev/null; then
+  # shellcheck disable=SC2016
+  printf '#!/bin/sh\n! grep -q MkDr "$1"/*.cpy\n' >bin/installer-check
+  chmod +x bin/installer-check
+  PATH=$PATH:$scratch/bin
+fi
+
+cp -R "$examples/demo" board
+cp "$programs/installer" board/noticeboard
+sed -i "s|^dir .*|dir $scratch/target|" board/noticeboard.dat
+mkdir board/files/empty
+chmod 750 board/files/board/cgi
+
+# The same folder gives the same file, wherever and by whomever.
+is "pack" 0 "$(status installer-pack board)"
+cp -R --preserve=mode board "./-a copy"
+sleep 1 # the time must not count
+is "pack again" 0 "$(umask 077; TZ=UTC+5 GZIP=-1 status installer-pack "-a copy" -again.run)"
+is "the same to the bit" 0 "$(status cmp noticeboard.run ./-again.run)"
+is "leaves only the file" "-a copy -again.run bin board noticeboard.run out start tmp" \
+  "$(entries .)"
+
+# refused TEXT COMMAND...: changes a copy of the folder, which is then refused with the text.
+refused() {
+  local text=$1
+  rm -rf copy copy.run
+  cp -R board copy
+  (cd copy && "${@:2}")
+  is "refused: $text" 1 "$(status installer-pack copy copy.run)"
+  grep -qF -- "$text" out || is "message" "$text" "$(cat out)"
+  [[ ! -e copy.run ]] || is "no file: $text" "" copy.run
+}
+rename_product() { for file in noticeboard*; do mv "$file" "notice.${file#notice}"; done; }
+refused "is the log of a run" touch noticeboard.log
+refused "is the log of a run" touch noticeboard.log0
+refused "'noticeboard' is missing" rm noticeboard
+refused "'noticeboard' is missing" cp noticeboard.q noticeboard
+refused "must be called 'noticeboard'" mv noticeboard installer
+refused "not executable" chmod -x noticeboard
+refused "no NAME.dat" rm noticeboard.dat
+refused "more than one product" touch other.dat
+refused "no name for a product" rename_product
+refused "leads to nothing inside" ln -s /etc/hostname files/link
+refused "leads to nothing inside" ln -s ../out files/link
+refused "was not packed" sed -i s/MkDir/MkDr/ noticeboard.cpy
+is "no folder" 2 "$(status installer-pack nowhere)"
+is "inside the folder" 2 "$(cd board && status installer-pack . 2>&1 | tail -n 1)"
+rm -f board/out
+is "a line end" 2 "$(status installer-pack board $'a\nb.run')"
+
+# What is unpacked is the folder.
+is "unpack" 0 "$(status ./noticeboard.run --unpack unpacked)"
+modes() { (cd "$1" && find . -printf '%p %m %l\n' | LC_ALL=C sort); }
+is "unpacked" "$(modes board)" "$(modes unpacked; diff -r board unpacked)"
+is "unpack over it" 2 "$(status ./noticeboard.run --unpack unpacked)"
+is "check" "./noticeboard.run: OK" "$(./noticeboard.run --check)"
+is "unknown option" 2 "$(status ./noticeboard.run -automate)"
+
+# Unattended; the log and the exit status come through, and no earlier log is lost.
+cd start
+one=../noticeboard.run
+is "install" 0 "$(status $one -- -automate -strict)"
+is "success" 1 "$(grep -c '^Success' out)"
+is "upgrade" 0 "$(status $one -- -automate)"
+is "upgrade ran" 1 "$(grep -c '^\[Upgrade\]' out)"
+is "no tag" 1 "$(status $one -- -special)"
+is "logs" "noticeboard.log noticeboard.log.1 noticeboard.log.2 out" "$(entries .)"
+grep -q '\[Install\]\|Processing' noticeboard.log.1 || is "first log" kept lost
+rm noticeboard.*
+echo precious >precious
+ln -s precious noticeboard.log
+is "remove" 0 "$(status $one -- -automate -special remove)"
+is "link kept" "precious precious" "$(cat noticeboard.log.1 precious | paste -sd ' ')"
+is "removed" no "$([[ -e ../target ]] && echo yes || echo no)"
+rm noticeboard.* precious
+mkdir ../other
+ln -s ../other noticeboard.log
+is "link to a directory" 0 "$(status $one -- -version)"
+is "told where" 1 "$(grep -c 'the log is .*/noticeboard.log.......$' out)"
+is "nothing put there" "" "$(entries ../other)"
+rm noticeboard.*
+for _ in {1..6}; do $one -- -version >/dev/null & done
+wait
+is "six at once" "$(echo noticeboard.log{,.{1..5}})" "$(echo noticeboard.log*)"
+mkdir gone
+is "nowhere to put it" 0 \
+  "$(cd gone && rmdir ../gone && "$scratch/noticeboard.run" -- -version >/dev/null 2>&1; echo $?)"
+is "kept" "noticeboard.log" "$(ls ../tmp/*)"
+rm -r ../tmp/*
+is "closed input" 0 "$(status $one <&-)"
+cd ..
+cp -R board echo
+cp "$(type -P echo)" echo/noticeboard
+is "pack echo" 0 "$(status installer-pack echo echo.run)"
+is "arguments" "-special  a  b -answers $PWD/a -record /r -answers - --" \
+  "$(./echo.run -- -special ' a  b' -answers a -record /r -answers - --)"
+nothing_left "runs"
+
+# Through a terminal, with every default.
+rm -rf start/*
+(cd start && { echo 1; printf '\n%.0s' {1..40}; } |
+  script -qec ../noticeboard.run typescript >/dev/null)
+is "interactive" 1 "$(grep -c '^Success' start/typescript)"
+is "log" 1 "$(find start -name noticeboard.log -size +0 | wc -l)"
+nothing_left "interactive"
+is "standard input" 0 "$(echo 4 | status ./noticeboard.run)"
+
+# Damaged in any place: nothing runs.
+rm -rf target start/* noticeboard.log
+size=$(stat -c %s noticeboard.run)
+for place in 1 20 60 120 200 300 700 2000 $((size / 2)) $((size - 9)) $((size - 1)); do
+  cp noticeboard.run damaged.run
+  printf '\377' | dd of=damaged.run bs=1 seek="$place" conv=notrunc status=none
+  is "byte $place" 2 "$(status ./damaged.run -- -automate)"
+  ((place > 10)) || continue # less than the first line: a comment for any shell
+  head -c "$place" noticeboard.run >damaged.run
+  is "cut at $place" 2 "$(status ./damaged.run -- -automate)"
+done
+is "not from a pipe" 2 "$(status sh <noticeboard.run)"
+is "nothing ran" "" "$(find . -name noticeboard.log -o -name target)"
+nothing_left "damaged"
+
+# Interrupted at the menu: the signal is the status, the log is there, the folder is gone.
+mkfifo in
+exec 9<>in
+for signal in HUP:129 INT:130 QUIT:131 TERM:143; do
+  rm -f noticeboard.log console
+  env --default-signal ./noticeboard.run <in >console 2>&1 &
+  for _ in {1..100}; do ! grep -q 'like to do' console 2>/dev/null || break; sleep 0.05; done
+  kill -s "${signal%:*}" $!
+  got=0
+  wait $! 2>/dev/null || got=$?
+  is "$signal" "${signal#*:}" "$got"
+  is "$signal: log" noticeboard.log "$(echo noticeboard.log*)"
+  nothing_left "$signal"
+done
+is "no process left" "" "$(find /proc -maxdepth 2 -name cwd -lname "$TMPDIR/*" 2>/dev/null || true)"
+
+# Where programs cannot be run, it says what to do.
+if unshare --user --map-root-user --mount true 2>/dev/null; then
+  unshare --user --map-root-user --mount sh -c 'mount -t tmpfs -o noexec none tmp &&
+    ! ./noticeboard.run -- -automate && ls -A tmp' >noexec 2>&1 || true
+  is "noexec" 1 "$(grep -c 'set TMPDIR to a directory that allows it' noexec)"
+  is "noexec: lines" 1 "$(wc -l <noexec)"
+else
+  echo "Not tried: TMPDIR without permission to run programs (no mount name space)"
+fi
+
+((failures == 0)) || exit 1
+echo "All of it holds."
