@@ -332,6 +332,12 @@ void load_product(const std::string &folder, const std::string &name, Product &p
   name_files(product);
   const Faults faults = [&product](const Fault &fault) {
     if (hides_much(fault)) product.whole = false;
+    // What was read of a binary file before its first zero byte is no text either.
+    if (fault.kind == FaultKind::Binary) {
+      std::erase_if(product.faults, [&](const Fault &told) { return told.file == fault.file; });
+      std::erase_if(product.headers,
+                    [&](const Header &header) { return *header.file == fault.file; });
+    }
     if (drops_line(fault)) product.dropped = true;
     product.faults.push_back(fault);
   };
