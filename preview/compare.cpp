@@ -45,9 +45,11 @@ struct Comparing {
   std::set<::ino_t> linked{}; ///< counted files that have several names
 };
 
-/// One directory: its open sides, of which `machine` may be none.
+/// One directory: its absolute path with a final "/", and its open sides, of which `machine` may be
+/// none.
 struct Opened {
   const Folder &folder;
+  std::string prefix;
   Descriptor changed{}, machine{};
 };
 
@@ -138,9 +140,10 @@ void count(Comparing &x, const struct ::stat *before, const struct ::stat &after
 
 // ---- Verdicts ----
 
-void note(Comparing &x, Verdict verdict, const std::string &path, const struct ::stat *before,
-          const struct ::stat *after, const std::string &target = {}) {
-  Change change{verdict, layer_path(x.layer, path), {}, {}, target};
+/// `path` is absolute.
+void note(Comparing &x, Verdict verdict, std::string path, const struct ::stat *before,
+          const struct ::stat *after, std::string target = {}) {
+  Change change{verdict, std::move(path), {}, {}, std::move(target)};
   if (before != nullptr) change.before = status_of(*before);
   if (after != nullptr) change.after = status_of(*after);
   const ::mode_t mode = after != nullptr ? after->st_mode : before->st_mode;
@@ -148,34 +151,35 @@ void note(Comparing &x, Verdict verdict, const std::string &path, const struct :
   x.result.changes.push_back(std::move(change));
 }
 
-void vanished(Comparing &x, const Opened &place, const std::string &name,
-              const struct ::stat &before) {
-  const std::string path = tree_join(place.folder.path, name);
-  if (x.left_out(layer_path(x.layer, path))) return;
-  const bool link = S_ISLNK(before.st_mode);
-  note(x, Verdict::Deleted, path, &before, nullptr,
-       link ? read_link(place.machine.get(), name) : std::string{});
-  if (S_ISDIR(before.st_mode)) x.result.changes.back().below = tree_count(x.machine.get(), path);
+std::string target_of(int directory, const std::string &name, const struct ::stat &info) {
+  return S_ISLNK(info.st_mode) ? read_link(directory, name) : std::string{};
 }
 
-void appeared(Comparing &x, const Opened &place, const std::string &name,
+void vanished(Comparing &x, const Opened &place, const std::string &name,
+              const struct ::stat &before) {
+  std::string path = place.prefix + name;
+  if (x.left_out(path)) return;
+  note(x, Verdict::Deleted, std::move(path), &before, nullptr,
+       target_of(place.machine.get(), name, before));
+  if (S_ISDIR(before.st_mode))
+    x.result.changes.back().below = tree_count(x.machine.get(), tree_join(place.folder.path, name));
+}
+
+void appeared(Comparing &x, const Opened &place, const std::string &name, std::string path,
               const struct ::stat &after) {
-  const bool link = S_ISLNK(after.st_mode);
-  note(x, Verdict::Added, tree_join(place.folder.path, name), nullptr, &after,
-       link ? read_link(place.changed.get(), name) : std::string{});
+  note(x, Verdict::Added, std::move(path), nullptr, &after,
+       target_of(place.changed.get(), name, after));
   count(x, nullptr, after);
 }
 
-void stayed(Comparing &x, const Opened &place, const std::string &name, const struct ::stat &before,
-            const struct ::stat &after) {
-  const std::string path = tree_join(place.folder.path, name);
+void stayed(Comparing &x, const Opened &place, const std::string &name, std::string path,
+            const struct ::stat &before, const struct ::stat &after) {
   if (!same_contents(place, name, before, after)) {
-    const bool link = S_ISLNK(after.st_mode);
-    note(x, Verdict::Modified, path, &before, &after,
-         link ? read_link(place.changed.get(), name) : std::string{});
+    note(x, Verdict::Modified, std::move(path), &before, &after,
+         target_of(place.changed.get(), name, after));
     count(x, &before, after);
   } else if (!same_rights(before, after)) {
-    note(x, Verdict::Permissions, path, &before, &after);
+    note(x, Verdict::Permissions, std::move(path), &before, &after);
   } else if (S_ISREG(after.st_mode)) {
     ++x.total.unchanged;
   }
@@ -209,19 +213,20 @@ void compare_entry(Comparing &x, const Opened &place, const std::string &name) {
     if (had) vanished(x, place, name, before);
     return;
   }
-  const std::string path = tree_join(place.folder.path, name);
-  if (x.left_out(layer_path(x.layer, path))) return;
+  std::string path = place.prefix + name;
+  if (x.left_out(path)) return;
+  if (S_ISREG(after.st_mode)) x.result.written.push_back({x.index, path});
   const bool same_type = had && (before.st_mode & S_IFMT) == (after.st_mode & S_IFMT);
-  if (same_type) stayed(x, place, name, before, after);
-  else appeared(x, place, name, after);
+  if (same_type) stayed(x, place, name, std::move(path), before, after);
+  else appeared(x, place, name, std::move(path), after);
   if (had && !same_type) vanished(x, place, name, before);
   if (S_ISDIR(after.st_mode)) await(x, place, name, same_type);
-  if (S_ISREG(after.st_mode)) x.result.written.push_back({x.index, path});
 }
 
 void compare_folder(Comparing &x, const Folder &folder) {
   const int side = folder.moved ? x.both.get() : x.changed.get();
-  Opened place{folder, tree_open_directory(side, folder.path), Descriptor{}};
+  Opened place{folder, layer_path(x.layer, folder.path), tree_open_directory(side, folder.path)};
+  if (!place.prefix.ends_with('/')) place.prefix += '/';
   if (folder.known) place.machine = tree_open_directory(x.machine.get(), folder.path);
   const std::vector<std::string> names = tree_names(place.changed.get());
   for (const std::string &name : names) compare_entry(x, place, name);
@@ -237,7 +242,7 @@ void compare_folder(Comparing &x, const Folder &folder) {
 void compare_root(Comparing &x) {
   struct ::stat after = {};
   if (::fstat(x.changed.get(), &after) == 0 && !same_rights(x.layer.start, after))
-    note(x, Verdict::Permissions, "", &x.layer.start, &after);
+    note(x, Verdict::Permissions, x.layer.mount.point, &x.layer.start, &after);
 }
 
 void compare_layer(Comparing &x) {

@@ -37,8 +37,8 @@ struct Change {
   std::size_t below = 0;
 };
 
-/// A regular file that runs wrote, moved or gave other rights: `path` in the side `Both` of the
-/// layer with this index.
+/// A regular file that runs wrote, moved or gave other rights: its absolute path, and the index of
+/// the layer whose side `Both` has it.
 struct Written {
   std::size_t layer = 0;
   std::string path;
@@ -52,7 +52,7 @@ struct Total {
   std::uint64_t files = 0, needed = 0, free = 0, unchanged = 0;
 };
 
-/// `changes` and `written` are sorted by the bytes of their paths, `totals` by mount point.
+/// `changes` are sorted by the bytes of their paths, `totals` by mount point, `written` not at all.
 struct Comparison {
   std::vector<Change> changes;
   std::vector<Total> totals;

@@ -32,7 +32,7 @@ struct Preview {
 // ---- Messages ----
 
 int fail(const Refusal &refused) {
-  std::fprintf(stderr, "installer-preview: %s", refused.text.c_str());
+  std::fprintf(stderr, "installer-preview: %s", report_name(refused.text).c_str());
   if (refused.cause != 0) std::fprintf(stderr, ": %s", std::strerror(refused.cause));
   std::fprintf(stderr, "\n");
   return Wrong;
@@ -216,7 +216,7 @@ Refused find_folder(std::string &folder) {
   struct ::stat here = {}, there = {};
   const Descriptor named = tree_open(AT_FDCWD, folder, O_PATH | O_DIRECTORY);
   if (!named || ::fstat(named.get(), &there) != 0 || ::stat(".", &here) != 0)
-    return refusal("the working directory " + report_name(folder));
+    return refusal("the working directory " + folder);
   if (!same_inode(here, there))
     return Refusal{"the working directory is hidden: its name leads to another one", 0};
   return {};

@@ -172,13 +172,12 @@ bool take_streams(const Streams &streams) {
 }
 
 [[noreturn]] void become_command(const Run &run) {
-  const Descriptor messages{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)};
   if (!drop_rights() || !take_streams(run.streams)) ::_exit(complain("the command's rights"));
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
+  std::vector<std::string> words = run.arguments; // exec wants them writable
   std::vector<char *> argv;
-  for (const std::string &argument : run.arguments)
-    argv.push_back(
-        const_cast<char *>(argument.c_str())); // NOLINT: what exec takes, and never writes
+  argv.reserve(words.size() + 1);
+  for (std::string &word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   ::execvp(argv[0], argv.data());
   const int status = errno == ENOENT ? NotFound : CannotRun;

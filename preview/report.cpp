@@ -52,30 +52,22 @@ std::string escape(char c) {
 
 // ---- Names of users ----
 
-template <class Id> using Names = std::map<Id, std::string>;
-
-/// Looked up once each: a directory service may be far away.
-template <class Id, class Look> std::string cached(Names<Id> &names, Id id, Look look) {
-  const auto [at, fresh] = names.try_emplace(id);
-  if (fresh) {
-    const char *name = look(id);
-    at->second = name != nullptr ? name : std::to_string(id);
-  }
-  return at->second;
+std::string user_name(::uid_t id) {
+  const struct ::passwd *entry = ::getpwuid(id);
+  return entry != nullptr ? entry->pw_name : std::to_string(id);
 }
 
+std::string group_name(::gid_t id) {
+  const struct ::group *entry = ::getgrgid(id);
+  return entry != nullptr ? entry->gr_name : std::to_string(id);
+}
+
+/// Looked up once each: a directory service may be far away.
 std::string owner(const Status &status) {
-  static Names<::uid_t> users;
-  static Names<::gid_t> groups;
-  const auto user = [](::uid_t id) -> const char * {
-    const struct ::passwd *entry = ::getpwuid(id);
-    return entry != nullptr ? entry->pw_name : nullptr;
-  };
-  const auto group = [](::gid_t id) -> const char * {
-    const struct ::group *entry = ::getgrgid(id);
-    return entry != nullptr ? entry->gr_name : nullptr;
-  };
-  return cached(users, status.user, user) + ":" + cached(groups, status.group, group);
+  static std::map<std::pair<::uid_t, ::gid_t>, std::string> known;
+  const auto [at, fresh] = known.try_emplace({status.user, status.group});
+  if (fresh) at->second = user_name(status.user) + ":" + group_name(status.group);
+  return at->second;
 }
 
 // ---- Fields ----
@@ -89,7 +81,7 @@ std::string size(const Status &status) {
 /// A field of what is there, or "old->new" where it changes.
 std::string field(const Change &change, std::string (*text)(const Status &)) {
   if (change.verdict == Verdict::Added) return text(change.after);
-  const std::string before = text(change.before);
+  std::string before = text(change.before);
   if (change.verdict == Verdict::Deleted) return before;
   const std::string after = text(change.after);
   return before == after ? after : before + "->" + after;
@@ -139,6 +131,7 @@ std::string manifest_line(const std::string &sum, const std::string &path) {
     arguments.push_back("/proc/self/fd/" + std::to_string(file.get()));
   }
   std::vector<char *> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string &argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   ::dup2(output, STDOUT_FILENO);
@@ -227,11 +220,14 @@ std::string report_totals(const Comparison &comparison) {
 Refused report_manifest(const View &view, const Comparison &comparison, std::string &text) {
   std::vector<Descriptor> files, roots;
   for (const Layer &layer : view.layers) roots.push_back(view_side(view, layer, Side::Both));
+  std::map<std::string, std::size_t> sorted;
+  for (const Written &written : comparison.written) sorted.emplace(written.path, written.layer);
   std::vector<std::string> paths;
-  for (const Written &written : comparison.written) {
-    const std::string path = layer_path(view.layers[written.layer], written.path);
-    files.push_back(tree_open(roots[written.layer].get(), written.path, O_RDONLY));
-    if (!files.back()) return refusal(report_name(path));
+  for (const auto &[path, layer] : sorted) {
+    const std::string &point = view.layers[layer].mount.point;
+    const std::size_t skipped = point == "/" ? 0 : point.size();
+    files.push_back(tree_open(roots[layer].get(), path.substr(skipped), O_RDONLY));
+    if (!files.back()) return refusal(path);
     paths.push_back(path);
     if (files.size() < Batch) continue;
     if (Refused refused = add_sums(files, paths, text)) return refused;

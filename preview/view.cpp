@@ -76,7 +76,7 @@ Refused enter_user_space(Making &making) {
   if (!write_text_file("/proc/self/setgroups", "deny") ||
       !write_text_file("/proc/self/uid_map", identity(making.user)) ||
       !write_text_file("/proc/self/gid_map", identity(making.group)))
-    return refusal("no user name space: is /proc mounted");
+    return refusal("no user name space: /proc takes no maps of users");
   return {};
 }
 
@@ -376,6 +376,8 @@ Refused attach_all(const View &view, const std::vector<StandIn> &all) {
     const Descriptor tree = mount_of(view, stand_in);
     const Descriptor target =
         tree_open(view.place.get(), "view" + stand_in.point, O_PATH | O_NOFOLLOW);
+    // What this user cannot list was not rebuilt, so that mounts below it have no place.
+    if (!target && view.user) continue;
     if (!tree || !target || !attach(tree.get(), target.get()))
       return refusal(stand_in.point + " cannot be mounted in the view");
   }
@@ -395,31 +397,38 @@ void take_processes(Making &making) {
   });
 }
 
+/// The first directory on the way from `top` down to `path` that this user may write to; "" for
+/// none.
+std::string first_writable(const std::string &top, const std::string &path) {
+  std::size_t end = top.size();
+  while (end != std::string::npos) {
+    end = path.find('/', end + 1);
+    std::string part = path.substr(0, end);
+    const Descriptor entry = tree_open(AT_FDCWD, part, O_PATH | O_DIRECTORY);
+    if (!entry) break;
+    if (may_write(entry.get())) return part;
+  }
+  return {};
+}
+
 /// Directories of others where this user may nevertheless make files, or own some: a layer of their
 /// own can be changed there, while one higher up could not copy the way to them.
 void take_user_folders(Making &making, const std::string &folder) {
-  const char *home = std::getenv("HOME");
-  for (const std::string &path : {folder, std::string{or_empty(home)}, std::string{"/var/tmp"}}) {
+  const std::string home = or_empty(std::getenv("HOME"));
+  for (const std::string &path : {folder, home, std::string{"/tmp"}, std::string{"/var/tmp"}}) {
     if (!path.starts_with('/') || path == "/") continue;
     const auto within = [&path](const Mount &mount) { return tree_within(path, mount.point); };
     const auto found = std::find_if(making.mounts.rbegin(), making.mounts.rend(), within);
     if (found == making.mounts.rend() || found->apart || found->point == path || found->read_only)
       continue;
-    for (std::size_t end = path.find('/', found->point.size() + 1);;
-         end = path.find('/', end + 1)) {
-      const std::string part = path.substr(0, end);
-      if (::access(part.c_str(), W_OK) == 0 || errno == EROFS) {
-        Mount piece = *found;
-        piece.id = 0;
-        piece.apart = true;
-        piece.root =
-            tree_join(found->root, part.substr(found->point == "/" ? 1 : found->point.size() + 1));
-        piece.point = part;
-        making.mounts.push_back(std::move(piece));
-        break;
-      }
-      if (end == std::string::npos) break;
-    }
+    Mount piece = *found;
+    piece.id = 0;
+    piece.apart = true;
+    piece.point = first_writable(found->point, path);
+    if (piece.point.empty()) continue;
+    const std::size_t skipped = found->point == "/" ? 1 : found->point.size() + 1;
+    piece.root = tree_join(found->root, piece.point.substr(skipped));
+    making.mounts.push_back(std::move(piece));
   }
 }
 
