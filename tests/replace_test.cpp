@@ -73,7 +73,7 @@ TEST(Replace, WholeOrInPlace) {
     bool whole;
   } rows[] = {
       {"plain",            noop,                                                                       0644,  true                                                               },
-      {"unreadable",       noop,                                                                       0200,  true                                                               },
+      {"private",          noop,                                                                       0600,  true                                                               },
       {"with set-user-ID", noop,                                                                       06751, true                                                               },
       {"left over",        [] { write_file(".left over.installer-new", "torn"); },                     0600,  true                                                               },
       {"attributes",       [&] { set("attributes", "user.a", "value", 5); },                           0604,  true                                                               },
