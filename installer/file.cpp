@@ -130,7 +130,11 @@ Cause change_mode(int dir, const char *name, ::mode_t mode, int follow) {
   if (::syscall(Fchmodat2, dir, name, mode, flags) == 0) return {};
   // EPERM also comes from a sandbox that does not know the call.
   if (errno != ENOSYS && errno != EPERM) return last_cause();
-  return ::fchmodat(dir, name, mode, flags) == 0 ? Cause{} : last_cause();
+  if (::fchmodat(dir, name, mode, flags) == 0) return {};
+  if (errno != ENOTSUP) return last_cause();
+  // The C library needs /proc for it, which a system that is only being set up may lack.
+  const Descriptor fd = open_at_once(dir, name, O_RDONLY | O_NOFOLLOW);
+  return fd && ::fchmod(fd.get(), mode) == 0 ? Cause{} : last_cause();
 }
 
 /// A link that took the entry's place must not become the new owner's: it would be trusted.
