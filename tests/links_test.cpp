@@ -142,6 +142,13 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   plant("tree/t/sub", safe + "/dir", Other, 0);
   plant("tree/t/file", safe + "/file", Other, 0);
   plant("tree/gone", safe + "/new", Other, 0);
+  // A process of theirs could lead these elsewhere at any moment, whoever owns what is there now.
+  write_file("theirs/f", "old");
+  for (const char *path : {"theirs", "theirs/f"}) EXPECT_EQ(::chown(path, Other, Other), 0);
+  const Descriptor held{::open("theirs/f", O_RDONLY)}, held_dir{::open("theirs", O_RDONLY)};
+  const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd/";
+  plant("tree/proc", fds + std::to_string(held.get()), Other, Other);
+  plant("tree/procdir", fds + std::to_string(held_dir.get()), Other, Other);
   const Tree before = read_tree("../safe");
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
@@ -166,7 +173,11 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
                               "MkDir tree/cur/new",
                               "MkDir tree/gone/new",
                               "Rename tree/cur/f here",
-                              "Rename src/file tree/cur/f"}) {
+                              "Rename src/file tree/cur/f",
+                              "WFile tree/proc value",
+                              "Chmod tree/proc - 777",
+                              "Chown tree/procdir - nobody",
+                              "WFile tree/procdir/f value"}) {
     EXPECT_FALSE(works(command)) << command;
     EXPECT_NE(take_errors().find("is not trusted"), std::string::npos) << command;
     EXPECT_EQ(read_tree("../safe"), before) << command;
