@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <termios.h>
 
 namespace installer {
 
@@ -31,9 +31,12 @@ bool wait_for_input(std::FILE *in) {
   return true;
 }
 
-/// True for a terminal that is gone: it delivers the end of input where it delivered an error to
-/// whoever was reading.
-bool hung_up(int fd) { return ::isatty(fd) == 0 && errno == EIO; }
+/// True for a terminal that is gone. It reads as if its input had ended, though nobody ended it.
+bool hung_up(std::FILE *in) {
+  const KeepErrno keep; // it is no reason of what is said about the reply
+  struct ::termios settings = {};
+  return ::tcgetattr(::fileno(in), &settings) != 0 && errno == EIO;
+}
 
 int next_character(std::FILE *in) {
   int c = EOF;
@@ -150,8 +153,7 @@ char *read_reply(char *buffer, std::size_t bfsz) {
   }
   if (std::ferror(stdin) != 0) std::clearerr(stdin); // it is tried anew
   const bool found = read_piece(stdin, buffer, bfsz) > 0;
-  const KeepErrno keep;
-  const bool failed = std::ferror(stdin) != 0 || (!found && hung_up(STDIN_FILENO));
+  const bool failed = std::ferror(stdin) != 0 || (!found && hung_up(stdin));
   last_input = failed ? Input::Failure : found ? Input::Reply : Input::End;
   if (!found) *buffer = '\0';
   return found ? buffer : nullptr;

@@ -89,15 +89,17 @@ void look(Spot &spot, int &links_left) {
   if (spot.cause) return;
   const std::string whole = spot.name;
   spot.name.resize(trimmed_length(whole.c_str()));
+  const bool directory = spot.name.size() != whole.size();
   if (::fstatat(spot.at(), spot.name.c_str(), &spot.info, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno != ENOENT) spot.cause = last_cause();
     spot.info = {};
-    spot.name = whole;
   } else if (S_ISLNK(spot.info.st_mode)) {
     follow_link(spot, links_left);
-  } else if (whole.size() != spot.name.size() && !S_ISDIR(spot.info.st_mode)) {
-    spot.cause = {ENOTDIR};
   }
+  if (!directory || spot.cause) return;
+  // A separator at the end asks for a directory, also behind a link.
+  if (!spot.exists()) spot.name += Sep;
+  else if (!S_ISDIR(spot.info.st_mode)) spot.cause = {ENOTDIR};
 }
 
 /// Enters the directories of `path` one after the other.

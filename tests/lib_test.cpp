@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace installer {
 
@@ -109,18 +105,6 @@ TEST(Paths, Attach) {
   EXPECT_EQ(in_block(6, "abc", [](char *b) { return attach_ext(b, ".log", 6); }), "abc.l");
   EXPECT_EQ(in_block(6, "d", [](char *b) { return join_path(b, 6, b, "a\\b"); }), "d/a\\b 1");
   EXPECT_EQ(in_block(3, "d", [](char *b) { return join_path(b, 3, b, "x"); }), "d 0");
-}
-
-TEST(Reply, ATerminalThatIsGoneIsNoEndOfInput) {
-  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(::grantpt(terminal) == 0 && ::unlockpt(terminal) == 0);
-  const int console = ::open(::ptsname(terminal), O_RDWR | O_NOCTTY);
-  ::dup2(console, STDIN_FILENO);
-  ::close(console);
-  ::close(terminal);
-  char reply[LineSize];
-  EXPECT_EQ(read_reply(reply, sizeof reply), nullptr);
-  EXPECT_TRUE(input_failed());
 }
 
 } // namespace installer

@@ -70,8 +70,10 @@ TEST_F(LinksTest, OwnLinksWork) {
   fs::create_symlink("b-loop", "a-loop");
   fs::create_symlink("a-loop", "b-loop");
   fs::create_directory_symlink("/", "root");
-  for (const char *command : {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755",
-                              "Chmod a-loop - 755", "WFile dir/ value", "WFile new/ value"})
+  fs::create_symlink("missing", "gone");
+  for (const char *command :
+       {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755", "Chmod a-loop - 755",
+        "WFile dir/ value", "WFile new/ value", "WFile gone/ value", "RFile file/ r"})
     EXPECT_FALSE(works(command)) << command;
   EXPECT_EQ(find_spot(AT_FDCWD, "//").name + find_spot(AT_FDCWD, "chain/..").name, "...");
   EXPECT_FALSE(works("WFile /proc/self/fd/999 value"));

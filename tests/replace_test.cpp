@@ -73,7 +73,7 @@ TEST(Replace, WholeOrInPlace) {
     bool whole;
   } rows[] = {
       {"plain",            noop,                                                                       0644,  true                                                               },
-      {"unreadable",       noop,                                                                       0200,  true                                                               },
+      {"private",          noop,                                                                       0600,  true                                                               },
       {"with set-user-ID", noop,                                                                       06751, true                                                               },
       {"left over",        [] { write_file(".left over.installer-new", "torn"); },                     0600,  true                                                               },
       {"attributes",       [&] { set("attributes", "user.a", "value", 5); },                           0604,  true                                                               },
@@ -132,7 +132,7 @@ TEST(Replace, RunningProgramsAndMappedFiles) {
     ::usleep(1000);
   for (const char *path : {"program", "library"}) {
     EXPECT_FALSE(write_new(path)) << path;
-    EXPECT_EQ(read_file(path), "new");
+    EXPECT_TRUE(read_file(path) == "new") << path;
   }
   EXPECT_EQ(static_cast<const char *>(map)[99999], 'o');
   EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), 0); // goes on
