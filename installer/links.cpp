@@ -63,9 +63,9 @@ bool made_by_kernel(int link) {
 void follow_link(Spot &spot, int &links_left) {
   const Descriptor link{::openat(spot.at(), spot.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
   struct ::stat info = {};
-  char text[LinkTextSize];
+  std::string text(LinkTextSize, '\0'); // not on the stack: links may lead to many others
   const bool known = link && ::fstat(link.get(), &info) == 0;
-  const ::ssize_t count = known ? ::readlinkat(link.get(), "", text, sizeof text - 1) : -1;
+  const ::ssize_t count = known ? ::readlinkat(link.get(), "", text.data(), text.size()) : -1;
   if (count < 0 || links_left-- == 0) {
     spot.cause = count < 0 ? last_cause() : Cause{ELOOP};
     return;
@@ -76,8 +76,8 @@ void follow_link(Spot &spot, int &links_left) {
     spot.linked = true;
     return;
   }
-  text[count] = '\0';
-  Spot target = follow_path(spot.at(), text, links_left);
+  text.resize(static_cast<std::size_t>(count));
+  Spot target = follow_path(spot.at(), text.c_str(), links_left);
   if (!target.cause && !trusted(info.st_uid, target)) target.cause = UntrustedLink;
   if (!target.dir && target.base == spot.dir.get()) target.dir = std::move(spot.dir);
   target.linked = true;

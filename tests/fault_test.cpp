@@ -260,8 +260,11 @@ TEST(Fault, DeepTreesOnASmallStack) {
   std::string deep = "src";
   while (deep.size() < 235 - scratch.path().size()) deep += "/d";
   write_file(deep + "/f", "at the bottom");
-  write_file("installer.cpy", "[install]\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
-                              "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
+  for (int i = 1; i < 40; ++i)
+    fs::create_symlink("link" + std::to_string(i - 1), "link" + std::to_string(i));
+  write_file("installer.cpy",
+             "[install]\nWFile link39 to\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
+             "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
   fs::create_directory("out");
 #ifdef __SANITIZE_ADDRESS__
   const auto prepare = [] { limit(RLIMIT_STACK, 1U << 20); };
