@@ -179,7 +179,8 @@ void stayed(Comparing &x, const Opened &place, const std::string &name, std::str
          target_of(place.changed.get(), name, after));
     count(x, &before, after);
   } else if (!same_rights(before, after)) {
-    note(x, Verdict::Permissions, std::move(path), &before, &after);
+    note(x, Verdict::Permissions, std::move(path), &before, &after,
+         target_of(place.changed.get(), name, after));
   } else if (S_ISREG(after.st_mode)) {
     ++x.total.unchanged;
   }

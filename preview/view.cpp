@@ -373,6 +373,8 @@ Descriptor mount_of(const View &view, const StandIn &stand_in) {
 /// In the order of their mount points, so that each finds the one that it lies on.
 Refused attach_all(const View &view, const std::vector<StandIn> &all) {
   for (const StandIn &stand_in : all) {
+    // What has vanished meanwhile, a scratch file of somebody's say, takes no part.
+    if (!tree_open(AT_FDCWD, stand_in.point, O_PATH | O_NOFOLLOW) && errno == ENOENT) continue;
     const Descriptor tree = mount_of(view, stand_in);
     const Descriptor target =
         tree_open(view.place.get(), "view" + stand_in.point, O_PATH | O_NOFOLLOW);

@@ -82,35 +82,36 @@ TEST_F(Preview, TellsEachChange) {
     const char *before, *script, *want; // "@" is the scratch folder, and "@/" that with a "/"
   } rows[] = {
       {"",                                                       "umask 22; mkdir d; printf 12345 >d/f",
-       "A 0755 root:root - @/d/\nA 0644 root:root 5 @/d/f\n"                                                                                                                        },
-      {"echo 1 >f",                                              "echo 22 >>f",                                                                        "M 0644 root:root 2->5 @/f\n"},
+       "A 0755 root:root - @/d/\nA 0644 root:root 5 @/d/f\n"                                                                                                                                     },
+      {"echo 1 >f",                                              "echo 22 >>f",                                                                        "M 0644 root:root 2->5 @/f\n"             },
       {"echo 1 >f",                                              "echo 2 >f; chmod 600 f; chown 1:1 f",
-       "M 0644->0600 root:root->daemon:daemon 2 @/f\n"                                                                                                                              },
+       "M 0644->0600 root:root->daemon:daemon 2 @/f\n"                                                                                                                                           },
       {"echo 1 >f; mkdir d",                                     "chmod 640 f; chmod 700 d",
-       "P 0755->0700 root:root @/d/\nP 0644->0640 root:root @/f\n"                                                                                                                  },
+       "P 0755->0700 root:root @/d/\nP 0644->0640 root:root @/f\n"                                                                                                                               },
       {"echo 1 >f; mkdir -p d/e; echo >d/x; mkdir k; echo >k/y", "rm -r f d k/y",
-       "D 0755 root:root - @/d/ (2 entries)\nD 0644 root:root 2 @/f\nD 0644 root:root 1 @/k/y\n"                                                                                    },
+       "D 0755 root:root - @/d/ (2 entries)\nD 0644 root:root 2 @/f\nD 0644 root:root 1 @/k/y\n"                                                                                                 },
       {"mkdir d; echo 1 >d/f; echo 2 >d/g",                      "mkdir h; mv d h/e; echo 3 >>h/e/g",
        "D 0755 root:root - @/d/ (2 entries)\nA 0755 root:root - @/h/\nA 0755 root:root - @/h/e/\n"
-       "A 0644 root:root 2 @/h/e/f\nA 0644 root:root 4 @/h/e/g\n"                                                                                                                   },
+       "A 0644 root:root 2 @/h/e/f\nA 0644 root:root 4 @/h/e/g\n"                                                                                                                                },
       {"mkdir d; echo 1 >d/f; echo 2 >d/g",                      "rm -r d; mkdir d; echo 1 >d/f",
-       "D 0644 root:root 2 @/d/g\n"                                                                                                                                                 },
+       "D 0644 root:root 2 @/d/g\n"                                                                                                                                                              },
       {"echo 1 >f; mkdir d",                                     "rm f; mkdir f; rmdir d; echo >d",
        "A 0644 root:root 1 @/d\nD 0755 root:root - @/d/ (0 entries)\nD 0644 root:root 2 @/f\n"
-       "A 0755 root:root - @/f/\n"                                                                                                                                                  },
+       "A 0755 root:root - @/f/\n"                                                                                                                                                               },
       {"ln -s a l; ln -s b loop",                                "rm l; ln -s '\t' l; ln -sf loop loop; ln -s x new; rm -f gone",
        "M 0777 root:root 1 @/l -> \\t\nM 0777 root:root 1->4 @/loop -> loop\n"
-       "A 0777 root:root 1 @/new -> x\n"                                                                                                                                            },
+       "A 0777 root:root 1 @/new -> x\n"                                                                                                                                                         },
+      {"ln -s a l",                                              "chown -h 1 l",                                                                       "P 0777 root:root->daemon:root @/l -> a\n"},
       {"",                                                       "mkfifo p; mknod n c 1 3",
        "A 0644 root:root 0 @/n (character device 1:3)\n"
-       "A 0644 root:root 0 @/p (pipe)\n"                                                                                                                                            },
+       "A 0644 root:root 0 @/p (pipe)\n"                                                                                                                                                         },
       {"",                                                       "echo >\"$(printf 'a\\nb\\tc\\001\\\\ \\377\\303\\244')\"",
-       "A 0644 root:root 1 @/a\\nb\\tc\\001\\\\ \\377ä\n"                                                                                                                          },
-      {"",                                                       "chmod 700 .",                                                                        "P 1777->0700 root:root @/\n"},
+       "A 0644 root:root 1 @/a\\nb\\tc\\001\\\\ \\377ä\n"                                                                                                                                       },
+      {"",                                                       "chmod 700 .",                                                                        "P 1777->0700 root:root @/\n"             },
       {"",                                                       "echo >a-; mkdir a; echo >a/b",
-       "A 0644 root:root 1 @/a-\nA 0755 root:root - @/a/\nA 0644 root:root 1 @/a/b\n"                                                                                               },
+       "A 0644 root:root 1 @/a-\nA 0755 root:root - @/a/\nA 0644 root:root 1 @/a/b\n"                                                                                                            },
       {"",                                                       "echo >sh.log; echo >sh.log12; echo >sh.log.1; mkdir d; echo >d/sh.log; rm sh.log12",
-       "A 0755 root:root - @/d/\nA 0644 root:root 1 @/d/sh.log\nA 0644 root:root 1 @/sh.log.1\n"                                                                                    },
+       "A 0755 root:root - @/d/\nA 0644 root:root 1 @/d/sh.log\nA 0644 root:root 1 @/sh.log.1\n"                                                                                                 },
   };
   for (const auto &r : rows) {
     const Outcome made = shell("umask 22; rm -rf ./*; chmod 1777 .; " + std::string{r.before});

@@ -27,8 +27,12 @@ exists() { [ -e "$1" ] || [ -L "$1" ]; }
 number_old() {
   old=$(mktemp -u "$log.XXXXXX") number=1
   [ ! -d "$log" ] && mv -f "$log" "$old" 2>/dev/null || return
-  while exists "$log.$number"; do number=$((number + 1)); done
-  ! ln -T "$old" "$log.$number" 2>/dev/null || rm -f "$old"
+  # Another run may take the number in between; where links cannot be made, nothing takes it.
+  while exists "$log.$number" || ! ln -T "$old" "$log.$number" 2>/dev/null; do
+    exists "$log.$number" || return 0
+    number=$((number + 1))
+  done
+  rm -f "$old"
 }
 
 # Links and files of others may have been planted under the log's name where this was started. So it
