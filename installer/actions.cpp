@@ -125,9 +125,12 @@ Step fail_question(const Pass &pass, const std::string &what) {
 Step handle_exist(Pass &pass) {
   const char *text = quest_text(pass.quest, pass.index);
   char temp[LineSize];
+  Cause cause;
   const bool fits = ini_replace_path(pass.run.ini, text, temp, sizeof temp) != 0;
-  if (!fits) emsg("Failed to test (%s), %s", text, std::strerror(errno));
-  set_setting(pass, fits && file_exist(temp) != 0 ? "true" : "false");
+  if (!fits) cause = last_cause();
+  const bool exists = fits && file_exist(temp, &cause) != 0;
+  if (cause.number == ENAMETOOLONG) emsg_cause(cause, "Failed to test (%s)", text);
+  set_setting(pass, exists ? "true" : "false");
   return Step::Next;
 }
 
