@@ -5,13 +5,11 @@
 #include "installer/quest.h"
 
 #include <cstring>
+#include <set>
 
 namespace installer {
 
 namespace {
-
-using QuestOwner = std::unique_ptr<questions, Release<quest_free>>;
-using CopyOwner = std::unique_ptr<copy, Release<copy_free>>;
 
 constexpr const char *UntaggedSpecial = "special";
 
@@ -87,11 +85,12 @@ const char *banner_of(const Action &action) {
 
 // ---- The questions ----
 
-/// One walk through the questions of a section. `index`: the entry to process next; `jumps`: jumps
-/// since the operator's last reply.
+/// One walk through the questions of a section of `file`. `index`: the entry to process next;
+/// `jumps`: jumps since the operator's last reply.
 struct Pass {
   Run &run;
   Questions quest;
+  const char *file;
   const Action &action;
   std::uint32_t index = 0;
   std::uint32_t jumps = 0;
@@ -111,6 +110,16 @@ const char *setting_value(const Pass &pass) {
 
 void set_setting(const Pass &pass, const char *value) {
   ini_add_name(pass.run.ini, quest_setting(pass.quest, pass.index), value);
+}
+
+/// Ends the pass for a fault of the entry. `who`: its keyword, or the setting of a question.
+Step fail(const Pass &pass, const char *who, const std::string &what) {
+  count_fault(pass.run, {pass.file, pass.quest->list[pass.index].line, who}, {what, {}, {}});
+  return Step::Fail;
+}
+
+Step fail_question(const Pass &pass, const std::string &what) {
+  return fail(pass, quest_setting(pass.quest, pass.index), what);
 }
 
 Step handle_exist(Pass &pass) {
@@ -133,8 +142,9 @@ Step handle_error(Pass &pass) {
   const char *text = quest_text(pass.quest, pass.index);
   char temp[LineSize] = "";
   if (pass.action.expand_error) ini_replace(pass.run.ini, text, temp, sizeof temp);
-  std::printf("Error: %s\n", pass.action.expand_error ? temp : text);
-  return Step::Fail;
+  const char *message = pass.action.expand_error ? temp : text;
+  std::printf("Error: %s\n", message);
+  return fail(pass, "Error", message);
 }
 
 Step handle_loop(Pass &pass) {
@@ -142,7 +152,7 @@ Step handle_loop(Pass &pass) {
   const std::uint32_t count = quest_count(pass.quest);
   if (++pass.jumps > count) {
     std::printf("Error: The questions repeat without end\n");
-    return Step::Fail;
+    return fail(pass, "Loop", "The questions repeat without end");
   }
   const int target = s_atoi(quest_text(pass.quest, pass.index));
   pass.index = target >= 0 ? static_cast<std::uint32_t>(target) : count;
@@ -168,33 +178,54 @@ bool gate_open(const Pass &pass) {
   return compare != nullptr ? std::strcmp(control, compare) == 0 : istrue(control) != 0;
 }
 
-Step refuse(Step step) {
+/// Says what is wrong with the answer; unattended there is no other.
+Step refuse(const Pass &pass) {
   std::printf("Error: %s, please try again\n", quest_error());
-  return step;
+  return automate != 0 ? fail_question(pass, quest_reason()) : Step::Stay;
 }
 
 /// "b" at an unattended run could only come to the same default again.
 Step step_back(Pass &pass) {
   if (automate != 0) {
-    std::printf("Error: Cannot go back from question '%s' unattended\n",
-                quest_setting(pass.quest, pass.index));
-    return Step::Fail;
+    const std::string setting = quest_setting(pass.quest, pass.index);
+    std::printf("Error: Cannot go back from question '%s' unattended\n", setting.c_str());
+    return fail_question(pass, "The default is 'b', which goes back");
   }
   if (pass.index > 0) --pass.index;
   return Step::Stay;
 }
 
+Step quit(const Pass &pass) {
+  if (automate != 0) static_cast<void>(fail_question(pass, "The default is 'q', which quits"));
+  return Step::Quit;
+}
+
+/// `Next`: the default is in `reply`, also when it is empty, but for a strict run.
+Step get_default(const Pass &pass, char (&reply)[LineSize]) {
+  quest_default(pass.quest, pass.index, reply, sizeof reply);
+  if (*reply != '\0' || !pass.run.strict) return Step::Next;
+  return fail_question(pass, "There is neither an answer nor a default");
+}
+
 /// `Next`: an answer is in `reply`.
 Step get_reply(Pass &pass, char (&reply)[LineSize]) {
-  if (automate != 0) {
-    quest_default(pass.quest, pass.index, reply, sizeof reply);
-    return Step::Next;
-  }
+  if (automate != 0) return get_default(pass, reply);
   errno = 0;
   const bool answered = quest_ask(pass.quest, pass.index, reply, sizeof reply) != 0;
   if (!answered && input_ended()) return Step::Quit;
   pass.jumps = 0;
-  return answered ? Step::Next : refuse(Step::Stay);
+  return answered ? Step::Next : refuse(pass);
+}
+
+/// Checks the answer and stores it. It is what the question offers when it is asked again.
+Step take_answer(const Pass &pass, char (&reply)[LineSize]) {
+  const std::string given = reply;
+  const char *setting = quest_setting(pass.quest, pass.index);
+  errno = 0;
+  if (quest_answer(pass.quest, pass.index, reply) == 0) return refuse(pass);
+  set_answer(pass.run.given, setting, given.c_str());
+  if (Answer *answer = find_answer(pass.run.answers, setting)) answer->value = given;
+  return Step::Next;
 }
 
 Step ask_question(Pass &pass) {
@@ -202,11 +233,9 @@ Step ask_question(Pass &pass) {
   char reply[LineSize];
   const Step got = get_reply(pass, reply);
   if (got != Step::Next) return got;
-  if (is_letter(reply, 'q')) return Step::Quit;
+  if (is_letter(reply, 'q')) return quit(pass);
   if (is_letter(reply, 'b')) return step_back(pass);
-  errno = 0;
-  if (quest_answer(pass.quest, pass.index, reply) != 0) return Step::Next;
-  return refuse(automate != 0 ? Step::Fail : Step::Stay);
+  return take_answer(pass, reply);
 }
 
 Step process_entry(Pass &pass) {
@@ -229,34 +258,69 @@ ActionResult run_pass(Pass pass) {
 }
 
 /// What the operator wants after the last question: `Next` to begin the work, `Stay` to answer
-/// again. Input that cannot be read quits, for it is no consent.
-Step review() {
+/// again. Input that cannot be read quits, for it is no consent; nor is its end in a strict run.
+Step review(const Run &run) {
   if (automate != 0) return Step::Next;
   std::printf("Do you want to change your answers [n]? ");
   char reply[LineSize];
   read_reply(reply, sizeof reply);
-  if (input_failed()) return Step::Quit;
+  if (input_failed() || (run.strict && input_ended())) return Step::Quit;
   return istrue(s_strtrm(reply)) != 0 ? Step::Stay : Step::Next;
 }
 
-ActionResult ask_until_content(Run &run, const Action &action, Questions quest) {
+ActionResult ask_until_content(const Pass &pass) {
   while (true) {
-    const ActionResult result = run_pass(Pass{run, quest, action});
+    const ActionResult result = run_pass(pass);
     if (result != SUCEEDED) return result;
-    const Step step = review();
+    const Step step = review(pass.run);
     if (step != Step::Stay) return step == Step::Next ? SUCEEDED : QUIT;
   }
+}
+
+/// A strict run asks no question of which the text may not be whole.
+void count_cut_questions(Run &run, const char *file, Questions quest,
+                         const std::set<std::size_t> &long_lines) {
+  for (const Quest &entry : quest->list)
+    if (long_lines.contains(entry.line))
+      count_fault(run, {file, entry.line}, {"The line is too long", {}, {}});
+}
+
+bool load_questions(Run &run, const char *file, Questions quest, const char *section) {
+  std::set<std::size_t> long_lines;
+  const Faults faults = [&, sink = telling_sink(run)](const Fault &fault) {
+    if (fault.kind == FaultKind::LongLine) long_lines.insert(fault.line);
+    sink(fault);
+  };
+  if (quest_load(quest, file, section, faults) == 0) return false;
+  count_cut_questions(run, file, quest, long_lines);
+  return true;
 }
 
 ActionResult ask_questions(Run &run, const Action &action) {
   const QuestOwner quest{quest_init(run.ini)};
   char path[PathSize];
-  if (!product_file(".q", path) ||
-      quest_load(quest.get(), path, section_of(action), tell_fault) == 0) {
+  quest->answer_for = [&run](const char *setting) {
+    const Answer *answer = find_answer(run.answers, setting);
+    return answer != nullptr ? answer->value.c_str() : nullptr;
+  };
+  if (!product_file(".q", path) || !load_questions(run, path, quest.get(), section_of(action))) {
     emsg("Error loading questions");
+    if (section_of(action) == nullptr)
+      count_fault(run, {path}, {"There is no section without -special", {}, {}});
     return FAILED;
   }
-  return ask_until_content(run, action, quest.get());
+  if (must_end(run)) return FAILED;
+  return ask_until_content({run, quest.get(), path, action});
+}
+
+/// True: the answers stand where the run was asked to record them, if it was.
+bool record_answers(Run &run, const Action &action) {
+  const char *file = text_of(run.record);
+  if (file == nullptr) return true;
+  const std::string title = std::string{product_name(run.ini)} + ", " + section_of(action);
+  const Cause cause = answers_write(run.given, file, title);
+  if (cause) refuse_run(run, {}, {"cannot record the answers", file, cause});
+  return !cause;
 }
 
 // ---- The copy script ----
@@ -270,14 +334,84 @@ void print_result(const Action &action, const Outcome &outcome) {
   else std::printf("]\n Success %s files %s\n", files.c_str(), action.done);
 }
 
+/// What of the script a strict run must not begin with.
+void count_cut_commands(Run &run, const char *file, pCopy copy) {
+  for (const CCmd &command : copy->list)
+    if (command.cut) count_fault(run, {file, command.line}, {"The line is too long", {}, {}});
+}
+
+bool load_script(Run &run, const char *file, pCopy copy, const char *section) {
+  const bool loaded = copy_load(copy, file, section, telling_sink(run)) != 0;
+  if (loaded) count_cut_commands(run, file, copy);
+  else if (!must_end(run))
+    count_fault(run, {file}, {"Section '" + std::string{section} + "' not found", {}, {}});
+  return loaded && !must_end(run);
+}
+
+/// What a strict run makes of one command: a line in the log before it, one for each file, and the
+/// failures counted. `told`: it has a failure with a reason; `nothing`: what it looked for in vain.
+struct Watched {
+  Run &run;
+  const Action &action;
+  const std::vector<CCmd> &commands;
+  const char *file;
+  std::uint32_t index = 0;
+  bool told = false;
+  std::string nothing = {};
+
+  [[nodiscard]] const CCmd &command() const { return commands[index]; }
+  /// A removal that finds nothing has been done before, unless the script is one that builds.
+  [[nodiscard]] bool may_find_nothing() const {
+    return has(command().type, CType::Rm) && action.stop_on_fail == 0;
+  }
+  [[nodiscard]] const char *word() const { return or_empty(copy_command(command().type).word); }
+  void fail(const Failure &failure) {
+    told = true;
+    count_failure(run, {file, command().line, word()}, failure);
+  }
+};
+
+void command_begins(Watched &x, std::uint32_t index) {
+  x.index = index;
+  x.told = false;
+  x.nothing.clear();
+  const char *separator = last_separator(x.file);
+  imsg("%s:%d %s", separator != nullptr ? separator + 1 : x.file,
+       static_cast<int>(x.command().line), x.word());
+}
+
+void command_acts(Watched &x, const FileEvent &event) {
+  const std::string path = or_empty(event.path);
+  switch (event.result) {
+  case FileResult::Done: imsg("%s %s", event.what, escape_controls(path).c_str()); break;
+  case FileResult::Nothing: x.nothing = path; break;
+  case FileResult::Failed:
+    if (!x.may_find_nothing() || !is_absence(event.cause)) x.fail({event.what, path, event.cause});
+    break;
+  case FileResult::Kept: break;
+  }
+}
+
+void command_ends(Watched &x, int result) {
+  if (result != -1) ++x.run.outcome.commands;
+  if (result != 0 || x.told || x.may_find_nothing()) return;
+  x.fail({x.nothing.empty() ? "nothing was done" : "nothing matches", x.nothing, {}});
+}
+
 void run_script(Run &run, const Action &action) {
   const CopyOwner copy{copy_init(run.ini)};
   Outcome &outcome = run.outcome;
   char path[PathSize];
   copy_setup(copy.get(), printdot, printerror);
-  if (!product_file(".cpy", path) ||
-      copy_load(copy.get(), path, section_of(action), tell_fault) == 0)
+  if (!product_file(".cpy", path) || !load_script(run, path, copy.get(), section_of(action)))
     return;
+  Watched watched{run, action, copy->list, path};
+  const CopyWatch watch = {
+      .begins = [&](std::uint32_t index) { command_begins(watched, index); },
+      .event = [&](const FileEvent &event) { command_acts(watched, event); },
+      .ends = [&](std::uint32_t, int result) { command_ends(watched, result); },
+  };
+  if (run.strict) copy->watch = &watch;
   std::printf("%s", action.opener);
   outcome.began = true;
   outcome.completed =
@@ -296,12 +430,15 @@ ActionResult run_alone(Ini ini, ActionKind kind) {
 
 ActionResult run_action(Run &run, ActionKind kind) {
   const Action &action = action_of(kind);
-  run.outcome = {};
   std::printf("[%s]\n", banner_of(action));
   ActionResult result = FAILED;
-  if (!within_memory([&] { result = ask_questions(run, action); })) return FAILED;
+  if (!within_memory(run, [&] { result = ask_questions(run, action); })) return FAILED;
+  if (result == QUIT) run.outcome.ended = true;
+  if (result != SUCEEDED) return result;
   // A copy script that cannot be loaded is no failure of the action.
-  if (result == SUCEEDED) static_cast<void>(within_memory([&] { run_script(run, action); }));
+  static_cast<void>(within_memory(run, [&] {
+    if (record_answers(run, action)) run_script(run, action);
+  }));
   return result;
 }
 

@@ -129,6 +129,8 @@ using pCopy = copy *;
 /// Releases the script, not the store, and sets the variable to null. Nothing for a null address or
 /// script.
 void copy_free(pCopy *x);
+/// An owned script.
+using CopyOwner = std::unique_ptr<copy, Release<copy_free>>;
 /// Installs the progress callbacks of the file operations, for the whole process.
 void copy_setup(pCopy x, FileCallback xok, FileCallback xfail);
 /// Reads the section (named without case) into the empty script `x`. `faults` takes what is wrong

@@ -24,6 +24,7 @@ enum class FaultKind {
   UnknownKeyword, // `word` is the keyword
   MissingWord,    // the line ends too early and is dropped
   Cut,            // a word may have been lost behind the 999th character
+  Repeated,       // a name was given before
   Circle,         // a setting leads back to itself; `word` is its name
   Failed,         // an item could not do its work; `word` is its keyword
   ByteOrderMark,  // the file begins with one

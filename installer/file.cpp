@@ -128,9 +128,15 @@ constexpr long Fchmodat2 = 452;
 Cause change_mode(int dir, const char *name, ::mode_t mode, int follow) {
   const int flags = follow != 0 ? AT_SYMLINK_NOFOLLOW : 0;
   if (::syscall(Fchmodat2, dir, name, mode, flags) == 0) return {};
+  const Cause cause = last_cause();
   // EPERM also comes from a sandbox that does not know the call.
-  if (errno != ENOSYS && errno != EPERM) return last_cause();
-  return ::fchmodat(dir, name, mode, flags) == 0 ? Cause{} : last_cause();
+  if (cause.number != ENOSYS && cause.number != EPERM) return cause;
+  if (::fchmodat(dir, name, mode, flags) == 0) return {};
+  if (errno != ENOTSUP) return last_cause();
+  // The C library needs /proc for it, which a system that is only being set up may lack.
+  const Descriptor fd = open_at_once(dir, name, O_RDONLY | O_NOFOLLOW);
+  if (fd && ::fchmod(fd.get(), mode) == 0) return {};
+  return cause.number == EPERM ? cause : last_cause();
 }
 
 /// A link that took the entry's place must not become the new owner's: it would be trusted.

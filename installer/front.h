@@ -19,6 +19,9 @@ extern int automate;
 /// fit; without a working directory the name alone.
 [[nodiscard]] bool product_file(const char *ext, char (&path)[PathSize]);
 
+/// The value of the setting "product", or "NONAME".
+[[nodiscard]] const char *product_name(Ini ini);
+
 enum class ActionKind { Install, Upgrade, Remove, Special };
 
 /// The action of that kind, as `install_product` and the others do it; `run` tells what became of

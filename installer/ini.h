@@ -118,6 +118,8 @@ using Ini = ini *;
 [[nodiscard]] Ini ini_init();
 /// Releases the store and sets the variable to null. Nothing for a null address or store.
 void ini_free(Ini *x);
+/// An owned store.
+using IniOwner = std::unique_ptr<ini, Release<ini_free>>;
 /// Builds the table from `list`, an array that ends with a null `setting`; once, right after
 /// `ini_init`. With `use_dflts` each default that is not null becomes the first value. `assoc` is
 /// reserved and null. Nothing when `x` or `list` is null.

@@ -87,6 +87,8 @@ using Init = init_s *;
 [[nodiscard]] Init init_init();
 /// Releases the script and sets the variable to null. Nothing for a null address or script.
 void init_free(Init *x);
+/// An owned script.
+using InitOwner = std::unique_ptr<init_s, Release<init_free>>;
 /// Appends one item per valid line. `faults` takes what is wrong with the others: a line with too
 /// few words is dropped (a remark), an unknown command or a line that may be cut as well (an
 /// error). 1; 0 for a null argument, or when the file cannot be read: `init_error` then says why.

@@ -1,10 +1,10 @@
 #include "installer/front.h"
 
 #include "installer/init.h"
+#include "installer/options.h"
 #include "installer/shared.h"
 
 #include <csignal>
-#include <cstdlib>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,9 +17,6 @@ int automate = 0;
 
 namespace {
 
-using IniOwner = std::unique_ptr<ini, Release<ini_free>>;
-using InitOwner = std::unique_ptr<init_s, Release<init_free>>;
-
 // ---- The process ----
 
 /// A console that goes away, or a file-size limit, must show as a failed write and not kill a half
@@ -30,50 +27,6 @@ void prepare_process() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
     if (::fcntl(fd, F_GETFD) == -1) static_cast<void>(::open("/dev/null", O_RDWR));
 }
-
-// ---- Options ----
-
-/// What is left of the command line.
-struct Arguments {
-  char **argv;
-  unsigned argc;
-  unsigned next;
-};
-
-void set_debug(Log log, Arguments & /*arguments*/) {
-  log_set_level(log, LogDebug);
-  imsg("Logging set to debug");
-}
-
-void show_version(Log /*log*/, Arguments & /*arguments*/) {
-  std::printf("Installer version %s\n", "1.0d");
-  std::exit(0);
-}
-
-void set_automate(Log /*log*/, Arguments & /*arguments*/) {
-  imsg("Automated install/upgrade...");
-  automate = 1;
-}
-
-void set_special(Log /*log*/, Arguments &arguments) {
-  if (arguments.next >= arguments.argc) {
-    std::printf("Usage: install -special <tag>\n");
-    std::exit(1);
-  }
-  special_mode = arguments.argv[arguments.next++];
-  imsg("Special mode [%s]", text_of(special_mode));
-}
-
-struct Option {
-  const char *word;
-  void (*apply)(Log log, Arguments &arguments);
-};
-constexpr Option options[] = {
-    {"-debug",    set_debug   },
-    {"-version",  show_version},
-    {"-automate", set_automate},
-    {"-special",  set_special },
-};
 
 // ---- The menu ----
 
@@ -97,11 +50,6 @@ constexpr int UpgradeChoice = 2;
 constexpr int ExitChoice = 4;
 constexpr int SpecialChoice = 5;
 
-const char *product_name(Ini ini) {
-  const char *product = ini_value_name(ini, "product");
-  return product != nullptr ? product : "NONAME";
-}
-
 /// The menu choice; the exit at the end of input.
 int ask_choice(Ini ini, int action) {
   if (special_mode) return SpecialChoice;
@@ -119,6 +67,7 @@ int ask_choice(Ini ini, int action) {
 
 /// Runs the choice. True: the run is over.
 bool dispatch(Run &run, int number) {
+  if (number == ExitChoice) run.outcome.ended = true;
   if (number == ExitChoice) return true;
   for (const Choice &choice : choices) {
     if (choice.number != number) continue;
@@ -126,7 +75,9 @@ bool dispatch(Run &run, int number) {
     // Unattended, the menu would come back with the same choice for ever.
     if (choice.once || (result == QUIT && automate != 0)) return true;
     if (result == QUIT || result == choice.again) return false;
-    if (choice.blurb) print_blurb(run.ini);
+    // A strict run shows only a blurb that is true.
+    const bool told = run.strict ? exit_status(run) == Status::Complete : !run.outcome.refused;
+    if (choice.blurb && told) print_blurb(run.ini);
     return true;
   }
   std::printf("That is not a recognised option, please try again\n");
@@ -144,56 +95,109 @@ void run_menu(Run &run) {
 // ---- The run ----
 
 /// Loads the init script and lets it derive its settings.
-bool run_init_script(Ini ini) {
+bool run_init_script(Run &run) {
   const InitOwner init_script{init_init()};
+  const Faults faults = fault_sink(run);
   char path[PathSize];
-  if (product_file(".int", path) && init_load(init_script.get(), path) != 0) {
-    init_evaluate(init_script.get(), ini);
+  if (product_file(".int", path) && init_load(init_script.get(), path, faults) != 0) {
+    init_evaluate(init_script.get(), run.ini, faults);
     return true;
   }
   std::printf("Error: Failed to load init file '%s', %s\n", path, init_error());
+  if (!must_end(run)) count_fault(run, {path}, {init_error(), {}, {}});
   return false;
 }
 
-void open_log(Log log) {
+void open_log(Run &run) {
   char path[PathSize];
-  log_set(log);
+  log_set(run.log);
   if (!product_file(".log", path)) return;
-  log_open(log, path);
-  log_doflush(log, 1);
-  imsg("Log file opened in '%s'", path);
+  const bool opened = log_open(run.log, path) != 0;
+  log_doflush(run.log, 1);
+  if (!opened) count_fault(run, {path}, {"cannot open the log", {}, last_cause()});
+}
+
+/// False: another strict run is at work here, or the log cannot tell.
+bool lock_log(Run &run) {
+  if (!run.strict || !run.log->F) return true;
+  ::pid_t holder = 0;
+  const Cause cause = log_lock(run.log, holder);
+  if (!cause) return true;
+  log_set(nullptr); // it is the log of the other run
+  const std::string process = holder > 0 ? "process " + std::to_string(holder) : "another process";
+  if (cause.number == EWOULDBLOCK)
+    count_fault(run, {run.log->File}, {"in use by " + process, {}, {}});
+  else count_fault(run, {run.log->File}, {"cannot lock the log", {}, cause});
+  return false;
+}
+
+void load_answers(Run &run) {
+  const char *file = text_of(run.answers_file);
+  char questions[PathSize];
+  if (file == nullptr) return;
+  const Faults faults = fault_sink(run);
+  const Text reason = answers_load(run.answers, file, faults);
+  if (reason) refuse_run(run, {file}, {"cannot read the answers", *reason, {}});
+  else if (product_file(".q", questions)) answers_check(run.answers, file, questions, faults);
 }
 
 void run_product(Run &run) {
   char path[PathSize];
   if (!product_file(".dat", path)) {
     std::printf("Error: The path of the data files is too long\n");
+    count_fault(run, {}, {"The path of the data files is too long", {}, {}});
     return;
   }
-  if (load_datfile(run.ini, path, tell_fault) != 0 && run_init_script(run.ini)) run_menu(run);
+  if (load_datfile(run.ini, path, telling_sink(run)) == 0) return;
+  if (run_init_script(run) && !must_end(run)) run_menu(run);
 }
 
-void run_program(unsigned argc, char **argv) {
+/// True: the end waits for the operator.
+bool run_program(const CommandLine &line, Run &run) {
   const LogOwner log{log_init(LogDebug)};
   const IniOwner ini{ini_init()};
-  Run run{.log = log.get(), .ini = ini.get()};
-  open_log(run.log);
-  static_cast<void>(within_memory([&] {
-    process_args(run.log, argv, argc);
-    run_product(run);
+  run.log = log.get();
+  run.ini = ini.get();
+  run.strict = line.strict;
+  open_log(run);
+  if (!lock_log(run)) return false;
+  imsg("Log file opened in '%s'", run.log->File);
+  static_cast<void>(within_memory(run, [&] {
+    apply_options(run, line);
+    load_answers(run);
+    if (!must_end(run)) run_product(run);
   }));
   clear_datfile();
+  check_console(run);
+  close_log(run);
+  log_set(nullptr);
+  return automate == 0;
 }
 
 /// Puts back what the options and the run left behind, for a program that runs another one.
 void forget_run() {
-  log_set(nullptr);
   myname.reset();
   special_mode.reset();
   automate = 0;
 }
 
+Status run_to_the_end(const CommandLine &line) {
+  Run run;
+  if (run_program(line, run)) {
+    std::printf("\n<Press enter to exit>");
+    char reply[LineSize];
+    read_reply(reply, sizeof reply);
+    check_console(run);
+  }
+  return exit_status(run);
+}
+
 } // namespace
+
+const char *product_name(Ini ini) {
+  const char *product = ini_value_name(ini, "product");
+  return product != nullptr ? product : "NONAME";
+}
 
 bool product_file(const char *ext, char (&path)[PathSize]) {
   char directory[PathSize];
@@ -209,23 +213,12 @@ int main(unsigned argc, char **argv) {
   char name[PathSize] = "";
   exename(name, argc > 0 ? argv[0] : nullptr, sizeof name);
   myname = name;
-  run_program(argc, argv);
-  const bool attended = automate == 0;
+  const CommandLine line = read_command_line(argv, argc);
+  if (line.help) print_usage(stdout);
+  Status status = line.help ? Status::Complete : Status::NotBegun;
+  if (!line.help && check_command_line(line)) status = run_to_the_end(line);
   forget_run();
-  if (attended) {
-    std::printf("\n<Press enter to exit>");
-    char reply[LineSize];
-    read_reply(reply, sizeof reply);
-  }
-  return 0;
-}
-
-void process_args(Log log, char **argv, unsigned argc) {
-  Arguments arguments{argv, argc, 1};
-  while (arguments.next < argc) {
-    const Option *option = find_word(options, argv[arguments.next++], s_strcmp);
-    if (option != nullptr) option->apply(log, arguments);
-  }
+  return static_cast<int>(status);
 }
 
 void print_header(Ini ini) {

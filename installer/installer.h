@@ -20,11 +20,12 @@ enum ActionResult : std::uint32_t {
   QUIT = 4,
 };
 
-/// The whole run. Always 0; only `process_args` ends the process with another status. Ignores
+/// The whole run. 0, or the status of a strict or refused run (run.h); also `process_args` ends the
+/// process. Ignores
 /// SIGPIPE and SIGXFSZ and opens closed standard descriptors on the null device, for the process.
 int main(unsigned argc, char **argv);
-/// Reads the options from `argv[1]` on: -debug, -version, -automate, -special *tag*. Others are
-/// ignored. Ends the process for -version (0) and for -special without a tag (1).
+/// Applies the options from `argv[1]` on; for a run, `main` does. What is no option is ignored.
+/// Ends the process for -version (0) and for -special without a tag (1).
 void process_args(Log log, char **argv, unsigned argc);
 /// The banner and the menu, with the value of the setting "product", or "NONAME".
 void print_header(Ini ini);

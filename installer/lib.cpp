@@ -201,6 +201,19 @@ char *next_word(char **line) {
   return word;
 }
 
+std::string escape_controls(const std::string &text) {
+  std::string result;
+  for (const char c : text) {
+    char octal[8];
+    lprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(c)));
+    if (c == '\n') result += "\\n";
+    else if (c == '\t') result += "\\t";
+    else if (std::iscntrl(static_cast<unsigned char>(c)) != 0) result += octal;
+    else result += c;
+  }
+  return result;
+}
+
 char *strip_file(char *file, char *buffer, std::size_t bfsz) {
   if (file == nullptr) return nullptr;
   const std::size_t name = name_offset(file);

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -186,13 +187,18 @@ char *sreplace(const char *source, const char *find, const char *with, char *res
 [[nodiscard]] char *next_word(char **line);
 
 /// The row of `table` whose `word` equals `word` under `compare` (s_strcmp or s_stricmp), or null.
-template <class Row, std::size_t n>
-[[nodiscard]] const Row *find_word(const Row (&table)[n], const char *word,
-                                   int (*compare)(const char *, const char *)) {
-  for (const Row &row : table)
+template <class Table>
+[[nodiscard]] auto find_word(const Table &table, const char *word,
+                             int (*compare)(const char *, const char *))
+    -> decltype(std::data(table)) {
+  for (const auto &row : table)
     if (compare(row.word, word) == 0) return &row;
   return nullptr;
 }
+
+/// `text` with its control characters escaped ("\\n", "\\t", "\\033"), so that it stays one line
+/// and cannot talk to a terminal.
+[[nodiscard]] std::string escape_controls(const std::string &text);
 
 // ---- Paths -------------------------------------------------------------------------------------
 

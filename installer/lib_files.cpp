@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <termios.h>
 
 namespace installer {
 
@@ -28,6 +29,13 @@ bool wait_for_input(std::FILE *in) {
   if (errno == EAGAIN && ::poll(&wanted, 1, -1) < 0 && errno != EINTR) return false;
   std::clearerr(in);
   return true;
+}
+
+/// True for a terminal that is gone. It reads as if its input had ended, though nobody ended it.
+bool hung_up(std::FILE *in) {
+  const KeepErrno keep; // it is no reason of what is said about the reply
+  struct ::termios settings = {};
+  return ::tcgetattr(::fileno(in), &settings) != 0 && errno == EIO;
 }
 
 int next_character(std::FILE *in) {
@@ -145,7 +153,8 @@ char *read_reply(char *buffer, std::size_t bfsz) {
   }
   if (std::ferror(stdin) != 0) std::clearerr(stdin); // it is tried anew
   const bool found = read_piece(stdin, buffer, bfsz) > 0;
-  last_input = std::ferror(stdin) != 0 ? Input::Failure : found ? Input::Reply : Input::End;
+  const bool failed = std::ferror(stdin) != 0 || (!found && hung_up(stdin));
+  last_input = failed ? Input::Failure : found ? Input::Reply : Input::End;
   if (!found) *buffer = '\0';
   return found ? buffer : nullptr;
 }

@@ -22,8 +22,10 @@ std::string header_name(const char *line) {
 } // namespace
 
 Lines::Lines(const char *file, Faults faults, LineRules rules)
-    : stream_(s_fopen(file, "r")), faults_(std::move(faults)), file_(or_empty(file)),
-      rules_(rules) {
+    : Lines(Stream{s_fopen(file, "r")}, file, std::move(faults), rules) {}
+
+Lines::Lines(Stream stream, const char *file, Faults faults, LineRules rules)
+    : stream_(std::move(stream)), faults_(std::move(faults)), file_(or_empty(file)), rules_(rules) {
   if (!stream_) failure_ = last_cause();
 }
 

@@ -31,6 +31,8 @@ class Lines {
 public:
   /// Opens the file. `faults` takes the remarks; it is copied, and may be empty.
   explicit Lines(const char *file, Faults faults = {}, LineRules rules = {});
+  /// The same for an open stream that can be positioned; `file` is the name that faults carry.
+  Lines(Stream stream, const char *file, Faults faults = {}, LineRules rules = {});
   [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
 
   /// Skips to the first header "[section]" (compared without case; the closing bracket counts as

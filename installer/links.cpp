@@ -48,8 +48,10 @@ std::size_t last_component(const char *path) {
   return start;
 }
 
+/// Where a link of the kernel's leads is another process's to change, so its owner says nothing.
 bool trusted(::uid_t owner, const Spot &target) {
-  return owner == 0 || owner == ::geteuid() || (target.exists() && target.info.st_uid == owner);
+  return owner == 0 || owner == ::geteuid() ||
+         (target.exists() && target.follow != 0 && target.info.st_uid == owner);
 }
 
 bool made_by_kernel(int link) {
@@ -61,9 +63,9 @@ bool made_by_kernel(int link) {
 void follow_link(Spot &spot, int &links_left) {
   const Descriptor link{::openat(spot.at(), spot.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
   struct ::stat info = {};
-  char text[LinkTextSize];
+  std::string text(LinkTextSize, '\0'); // not on the stack: links may lead to many others
   const bool known = link && ::fstat(link.get(), &info) == 0;
-  const ::ssize_t count = known ? ::readlinkat(link.get(), "", text, sizeof text - 1) : -1;
+  const ::ssize_t count = known ? ::readlinkat(link.get(), "", text.data(), text.size()) : -1;
   if (count < 0 || links_left-- == 0) {
     spot.cause = count < 0 ? last_cause() : Cause{ELOOP};
     return;
@@ -74,8 +76,8 @@ void follow_link(Spot &spot, int &links_left) {
     spot.linked = true;
     return;
   }
-  text[count] = '\0';
-  Spot target = follow_path(spot.at(), text, links_left);
+  text.resize(static_cast<std::size_t>(count));
+  Spot target = follow_path(spot.at(), text.c_str(), links_left);
   if (!target.cause && !trusted(info.st_uid, target)) target.cause = UntrustedLink;
   if (!target.dir && target.base == spot.dir.get()) target.dir = std::move(spot.dir);
   target.linked = true;
@@ -87,15 +89,17 @@ void look(Spot &spot, int &links_left) {
   if (spot.cause) return;
   const std::string whole = spot.name;
   spot.name.resize(trimmed_length(whole.c_str()));
+  const bool directory = spot.name.size() != whole.size();
   if (::fstatat(spot.at(), spot.name.c_str(), &spot.info, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno != ENOENT) spot.cause = last_cause();
     spot.info = {};
-    spot.name = whole;
   } else if (S_ISLNK(spot.info.st_mode)) {
     follow_link(spot, links_left);
-  } else if (whole.size() != spot.name.size() && !S_ISDIR(spot.info.st_mode)) {
-    spot.cause = {ENOTDIR};
   }
+  if (!directory || spot.cause) return;
+  // A separator at the end asks for a directory, also behind a link.
+  if (!spot.exists()) spot.name += Sep;
+  else if (!S_ISDIR(spot.info.st_mode)) spot.cause = {ENOTDIR};
 }
 
 /// Enters the directories of `path` one after the other.

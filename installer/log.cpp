@@ -9,6 +9,7 @@
 #include <limits>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +41,7 @@ bool make_private(int fd) {
   struct ::stat info = {};
   if (::fstat(fd, &info) != 0) return false;
   if (!S_ISREG(info.st_mode)) return true; // the null device
+  errno = EPERM;
   if (info.st_nlink != 1 || (info.st_uid != ::geteuid() && info.st_uid != 0)) return false;
   return (info.st_mode & all) == LogPermissions || ::fchmod(fd, LogPermissions) == 0 ||
          (info.st_mode & others_write) == 0;
@@ -49,7 +51,33 @@ Descriptor open_private(const char *file) {
   Cause cause;
   Descriptor fd =
       open_trusted(file, O_WRONLY | O_CREAT | O_APPEND, Allow::Plain, LogPermissions, cause);
+  if (!fd) errno = cause.number;
   return fd && make_private(fd.get()) ? std::move(fd) : Descriptor{};
+}
+
+constexpr struct ::flock WholeFile = {F_WRLCK, SEEK_SET, 0, 0, 0};
+
+/// Locks the file in two ways: flock decides who has it, and the other kind of lock, which may get
+/// lost, tells others the process.
+bool lock_file(int fd) {
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
+  struct ::flock whole = WholeFile;
+  ::fcntl(fd, F_SETLK, &whole);
+  return true;
+}
+
+/// The process that has locked the file, or 0.
+::pid_t lock_holder(int fd) {
+  struct ::flock lock = WholeFile;
+  return ::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
+}
+
+/// True when the log is still the file at its path: it may have been rotated after it was opened.
+bool in_its_place(Log x) {
+  struct ::stat opened = {};
+  struct ::stat there = {};
+  return ::fstat(::fileno(x->F.get()), &opened) == 0 && ::stat(x->File, &there) == 0 &&
+         same_inode(opened, there);
 }
 
 /// The first 20 characters of the asctime form of the local time. Rendered once a second: the
@@ -93,7 +121,29 @@ void shift_backups(Log x, const char *newest) {
 
 void flush_line(Log x) {
   if (x->DoFlush == 0 || x->Lines % x->DoFlush != 0) return;
-  if (std::fflush(x->F.get()) != 0) x->Size = file_size(x->File); // not all of it was written
+  if (std::fflush(x->F.get()) == 0) return;
+  x->Size = file_size(x->File); // not all of it was written
+  x->Lost = true;
+}
+
+/// Rotation of a locked log: a new file that is locked already takes its place in one step, so that
+/// nobody finds the place empty or the file there unlocked. The old one is then `temporary`. False,
+/// with nothing changed: the system cannot do that.
+bool exchange_locked(Log x, const char *temporary) {
+#ifdef RENAME_EXCHANGE
+  Descriptor fd = open_file(AT_FDCWD, temporary, O_WRONLY | O_CREAT | O_EXCL | O_APPEND,
+                            Allow::Plain, LogPermissions);
+  if (!fd) return false;
+  if (lock_file(fd.get()) &&
+      ::renameat2(AT_FDCWD, temporary, AT_FDCWD, x->File, RENAME_EXCHANGE) == 0) {
+    log_close(x);
+    x->F.reset(::fdopen(fd.release(), "a"));
+    x->Size = 0;
+    return true;
+  }
+  ::unlink(temporary);
+#endif
+  return false;
 }
 
 void queue_error(const char *text) {
@@ -132,6 +182,7 @@ int log_open(Log x, const char *file) {
   fd.release();
   if (std::strcmp(x->File, file) != 0) x->Held = 0;
   scpy(x->File, file, sizeof x->File);
+  if (x->Locked) static_cast<void>(lock_file(::fileno(x->F.get())));
   if (CurrentLog == nullptr) {
     CurrentLog = x;
     check_emsglog();
@@ -140,7 +191,7 @@ int log_open(Log x, const char *file) {
 }
 
 void log_close(Log x) {
-  if (x != nullptr) x->F.reset();
+  if (x != nullptr && x->F && !finish(std::move(x->F))) x->Lost = true;
 }
 
 void log_free(Log *x) {
@@ -157,12 +208,28 @@ void log_doflush(Log x, int doflush) {
   if (x != nullptr) x->DoFlush = doflush;
 }
 
+Cause log_lock(Log x, ::pid_t &holder) {
+  holder = 0;
+  while (lock_file(::fileno(x->F.get()))) {
+    x->Locked = in_its_place(x);
+    if (x->Locked) return {};
+    if (log_open(x, x->File) == 0) return last_cause();
+  }
+  const Cause cause = last_cause();
+  holder = lock_holder(::fileno(x->F.get()));
+  return cause;
+}
+
 void log_line(Log x, const char *line, LogLevel l) {
   const KeepErrno keep;
   if (x == nullptr || x->Level < l) return;
-  if (!x->F && (*x->File == '\0' || log_open(x, x->File) == 0)) return;
+  if (!x->F && (*x->File == '\0' || log_open(x, x->File) == 0)) {
+    x->Lost = *x->File != '\0';
+    return;
+  }
   const int written = std::fprintf(x->F.get(), "%.20s [%d] %s: %s\n", time_text(),
                                    static_cast<int>(::getpid()), LevelNames[l], line);
+  if (written < 0) x->Lost = true;
   x->Size += std::min(static_cast<std::uint32_t>(std::max(written, 0)), MostBytes - x->Size);
   if (x->Size >= x->Rotate && x->Size - x->Held >= x->Rotate) log_rotate(x);
   else flush_line(x);
@@ -175,12 +242,15 @@ int log_rotate(Log x) {
   lprintf(temporary, sizeof temporary, "%s.%05d%05d", x->File, static_cast<int>(::getpid()),
           static_cast<int>(std::time(nullptr) % 100000));
   const bool movable = can_rotate(x);
-  log_close(x);
-  const bool moved = movable && std::rename(x->File, temporary) == 0;
-  const int opened = log_open(x, x->File);
+  bool moved = movable && x->Locked && exchange_locked(x, temporary);
+  if (!moved) {
+    log_close(x);
+    moved = movable && std::rename(x->File, temporary) == 0;
+    log_open(x, x->File);
+  }
   x->Held = moved ? 0 : x->Size;
   if (moved) shift_backups(x, temporary);
-  return opened;
+  return x->F ? 1 : 0;
 }
 
 void check_emsglog() {

@@ -13,7 +13,11 @@ namespace {
 constexpr std::size_t WrapFrom = 80;
 constexpr std::size_t WrapAt = 79;
 
-Text last_error;
+/// The last error: its text, and how much of that comes before the system's text.
+struct {
+  std::string text;
+  std::size_t reason = 0;
+} last_error;
 
 // ---- What is accepted as an answer ----
 
@@ -162,7 +166,7 @@ bool load_section(Questions x, const char *file, const char *section, const Faul
   if (lines.failed()) {
     const Fault fault = lines.unreadable(lines ? "Error reading" : "Error opening");
     faults(fault);
-    last_error = fault.text;
+    last_error = {fault.text, fault.text.size()};
     return false;
   }
   if (!found)
@@ -261,8 +265,10 @@ char *quest_default(Questions x, std::uint32_t i, char *buf, std::size_t size) {
   if (buf == nullptr || i >= quest_count(x)) return nullptr;
   scpy(buf, "", size);
   const char *value = ini_value_name(x->ini, quest_setting(x, i));
-  if (value == nullptr) return nullptr;
-  if (has(quest_type(x, i), QYN)) value = istrue(value) != 0 ? "y" : "n";
+  const char *answer = x->answer_for ? x->answer_for(quest_setting(x, i)) : nullptr;
+  if (value == nullptr && answer == nullptr) return nullptr;
+  if (answer != nullptr) value = answer;
+  else if (has(quest_type(x, i), QYN)) value = istrue(value) != 0 ? "y" : "n";
   scpy(buf, value, size);
   return buf;
 }
@@ -308,11 +314,14 @@ void quest_seterror(const char *format, ...) {
   va_start(arg, format);
   Message message = make_message(format, arg);
   va_end(arg);
+  const std::size_t reason = std::strlen(message.text);
   add_cause(message, last_cause());
   emsg("%s", message.text);
-  last_error = message.text;
+  last_error = {message.text, reason};
 }
 
-const char *quest_error() { return or_empty(text_of(last_error)); }
+const char *quest_error() { return last_error.text.c_str(); }
+
+std::string quest_reason() { return last_error.text.substr(0, last_error.reason); }
 
 } // namespace installer

@@ -11,6 +11,7 @@
 #include "installer/log.h"
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -77,12 +78,14 @@ struct QuestKeyword {
 [[nodiscard]] const QuestKeyword &quest_keyword(QType type);
 
 /// A question set. `count`: entries in `list`; `section`: name of the loaded section, else null;
-/// `ini`: the store for defaults and answers, not owned.
+/// `ini`: the store for defaults and answers, not owned; `answer_for`: the answer that takes the
+/// place of a setting's default, null for none; it may be empty.
 struct questions {
   std::uint32_t count = 0;
   Text section;
   std::vector<Quest> list;
   Ini ini = nullptr;
+  std::function<const char *(const char *setting)> answer_for;
 };
 using Questions = questions *;
 
@@ -91,6 +94,8 @@ using Questions = questions *;
 /// Releases the set, not the store, and sets the variable to null. Nothing for a null address or
 /// set.
 void quest_free(Questions *x);
+/// An owned set.
+using QuestOwner = std::unique_ptr<questions, Release<quest_free>>;
 /// Loads the section (named without case) in place of a loaded one; nothing is read when that very
 /// section is loaded. `faults` takes what is wrong with it: a line that lacks a field is skipped,
 /// an unknown type is kept as type 0. 1; 0 for a null argument, a file that cannot be read
@@ -110,8 +115,8 @@ void quest_clear(Questions x);
 [[nodiscard]] const char *quest_control_cmp(Questions x, std::uint32_t i);
 [[nodiscard]] QType quest_type(Questions x, std::uint32_t i);
 
-/// Puts the default (the value of the question's setting; for `QYN` "y" or "n") into `buf`. `buf`;
-/// null and the empty text when there is none.
+/// Puts the default (the answer for the question's setting, as it is, else its value; for `QYN` "y"
+/// or "n") into `buf`. `buf`; null and the empty text when there is none.
 char *quest_default(Questions x, std::uint32_t i, char *buf, std::size_t size);
 /// Shows the question with its default, in lines of at most 79 characters when it is longer than
 /// 80, and reads a reply into `buf`, without white space at its end; an empty one becomes the
@@ -128,5 +133,7 @@ char *quest_default(Questions x, std::uint32_t i, char *buf, std::size_t size);
 [[gnu::format(printf, 1, 2)]] void quest_seterror(const char *format, ...);
 /// The last error, or the empty text. Borrowed until the next error.
 [[nodiscard]] const char *quest_error();
+/// The same without the system's text.
+[[nodiscard]] std::string quest_reason();
 
 } // namespace installer

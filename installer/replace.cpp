@@ -18,8 +18,10 @@ constexpr ::mode_t PermissionBits = 07777;
 constexpr ::mode_t SetIdBits = 06000;
 constexpr const char *Capabilities = "security.capability";
 
+constexpr Cause Overtaken = {EBUSY, "another run replaces it"};
+
 /// Errors that say that there is no room or no descriptor now. A file that is emptied then may stay
-/// empty.
+/// empty, so it is left alone.
 constexpr int scarcities[] = {ENOSPC, EDQUOT, EIO, ENOMEM, EMFILE, ENFILE};
 
 bool is_scarcity(int number) {
@@ -82,8 +84,8 @@ bool has_name(const std::string &names, const char *wanted) {
 
 // ---- What a new file gets from the old one ----
 
-bool give_owner_and_mode(const struct ::stat &old, int fd) {
-  struct ::stat now = {};
+/// `now`: the status before the last step.
+bool give_owner_and_mode(const struct ::stat &old, int fd, struct ::stat &now) {
   if (::fstat(fd, &now) != 0) return false;
   if (now.st_uid != old.st_uid || now.st_gid != old.st_gid) {
     if (::fchown(fd, old.st_uid, old.st_gid) != 0 || ::fstat(fd, &now) != 0) return false;
@@ -92,8 +94,10 @@ bool give_owner_and_mode(const struct ::stat &old, int fd) {
   return (now.st_mode & PermissionBits) == wanted || ::fchmod(fd, wanted) == 0;
 }
 
-/// Everything but the contents. `fragile`: writing takes some of it away again.
-bool give_all(const struct ::stat &old, int from, int to, bool &fragile) {
+/// Everything but the contents. `fragile`: writing takes some of it away again. `now`: which file
+/// got it.
+bool give_all(const struct ::stat &old, int from, int to, bool &fragile, struct ::stat &now) {
+  errno = 0;
   std::string wanted;
   std::string present;
   if (!list_attributes(from, wanted) || !list_attributes(to, present)) return false;
@@ -102,7 +106,7 @@ bool give_all(const struct ::stat &old, int from, int to, bool &fragile) {
     return has_name(wanted, name) || ::fremovexattr(to, name) == 0;
   });
   fragile = (old.st_mode & SetIdBits) != 0 || has_name(wanted, Capabilities);
-  return removed && give_owner_and_mode(old, to) &&
+  return removed && give_owner_and_mode(old, to, now) &&
          for_each_name(wanted, [=](const char *name) { return give_attribute(from, to, name); });
 }
 
@@ -177,10 +181,10 @@ bool Replacement::open_beside(const struct ::stat &old) {
   }
   beside_ = name;
   cause_ = {};
-  const bool given = give_all(old, old_.get(), out_.get(), fragile_);
+  const bool given = give_all(old, old_.get(), out_.get(), fragile_, new_);
   if (given && !fragile_) old_ = Descriptor{};
   if (given) return true;
-  cause_ = before;
+  cause_ = is_scarcity(errno) ? last_cause() : before;
   discard();
   return false;
 }
@@ -190,8 +194,16 @@ void Replacement::open_in_place(const struct ::stat &old) {
   else out_ = std::move(old_);
 }
 
+/// True when another run has removed the file beside the old one and put its own there.
+bool Replacement::overtaken() const {
+  struct ::stat info = {};
+  return new_.st_nlink != 0 &&
+         ::fstatat(spot_.at(), beside_.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+         !same_inode(info, new_);
+}
+
 void Replacement::discard() {
-  if (!beside_.empty()) ::unlinkat(spot_.at(), beside_.c_str(), 0);
+  if (!beside_.empty() && !overtaken()) ::unlinkat(spot_.at(), beside_.c_str(), 0);
   beside_.clear();
   out_ = Descriptor{};
 }
@@ -219,11 +231,16 @@ Stream Replacement::stream() {
 
 bool Replacement::commit() {
   const bool beside = !beside_.empty();
-  const bool given = !beside || !fragile_ || give_all(spot_.info, old_.get(), out_.get(), fragile_);
+  const bool given =
+      !beside || !fragile_ || give_all(spot_.info, old_.get(), out_.get(), fragile_, new_);
   if (!given) cause_ = last_cause();
   const bool closed = out_.close();
   if (!closed && given) cause_ = last_cause();
   if (!given || !closed || !beside) return given && closed;
+  if (overtaken()) {
+    cause_ = Overtaken;
+    return false;
+  }
   if (::renameat(spot_.at(), beside_.c_str(), spot_.at(), spot_.name.c_str()) != 0) {
     cause_ = last_cause();
     return false;

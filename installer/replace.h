@@ -51,9 +51,11 @@ private:
   bool open_beside(const struct ::stat &old);
   void open_in_place(const struct ::stat &old);
   void discard();
+  [[nodiscard]] bool overtaken() const;
 
   Spot spot_;
   std::string beside_;
+  struct ::stat new_ = {}; // the file `beside_` as it was made
   Descriptor old_;
   Descriptor out_;
   Cause cause_;

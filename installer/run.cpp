@@ -1,10 +1,137 @@
 #include "installer/run.h"
 
+#include "installer/front.h"
+#include "installer/init.h"
+
+#include <cstdio>
+
 namespace installer {
 
-void tell_fault(const Fault &fault) {
-  log_fault(fault);
-  if (fault.kind == FaultKind::Binary) std::printf("Error: %s\n", fault.text.c_str());
+namespace {
+
+/// An init script looks whether a file is there by reading it.
+bool is_look(const Fault &fault) {
+  const InitCommand *command = find_word(init_commands(), fault.word.c_str(), s_strcmp);
+  return command != nullptr && command->mode == IRFile && is_absence(fault.failure.cause);
+}
+
+/// True for faults after which a strict run does not begin: a line that is dropped is one, although
+/// the program says nothing of it.
+bool counts(const Fault &fault) {
+  if (fault.kind == FaultKind::Failed && is_look(fault)) return false;
+  return fault.severity == Severity::Error || fault.kind == FaultKind::MissingWord;
+}
+
+std::string base_name(const std::string &path) {
+  const char *separator = last_separator(path.c_str());
+  return separator != nullptr ? separator + 1 : path;
+}
+
+std::string reason_line(const Where &where, const Failure &failure) {
+  std::string line = or_empty(text_of(myname));
+  if (!where.file.empty()) line += ": " + base_name(where.file);
+  if (where.line != 0) line += ":" + std::to_string(where.line);
+  for (const std::string &part : {where.keyword, failure.what, failure.path})
+    if (!part.empty()) line += ": " + part;
+  if (failure.cause) line += std::string{": "} + cause_text(failure.cause);
+  return escape_controls(line);
+}
+
+const char *status_words(Status status) {
+  switch (status) {
+  case Status::Complete: return "complete";
+  case Status::Incomplete: return "incomplete";
+  case Status::NotBegun: return "not begun";
+  case Status::EndedByOperator: break;
+  }
+  return "ended by the operator";
+}
+
+} // namespace
+
+bool is_absence(const Cause &cause) { return cause.number == ENOENT || cause.number == ENOTDIR; }
+
+void give_reason(const Where &where, const Failure &failure) {
+  const std::string line = reason_line(where, failure);
+  std::fflush(stdout); // both may be one terminal
+  std::fprintf(stderr, "%s\n", line.c_str());
+  emsg("%s", line.c_str());
+}
+
+void count_fault(Run &run, const Where &where, const Failure &failure) {
+  if (!run.strict) return;
+  ++run.outcome.faults;
+  give_reason(where, failure);
+}
+
+void count_failure(Run &run, const Where &where, const Failure &failure) {
+  if (!run.strict) return;
+  ++run.outcome.failures;
+  give_reason(where, failure);
+}
+
+void refuse_run(Run &run, const Where &where, const Failure &failure) {
+  run.outcome.refused = true;
+  give_reason(where, failure);
+}
+
+Faults fault_sink(Run &run) {
+  return [&run](const Fault &fault) {
+    log_fault(fault);
+    if (!counts(fault)) return;
+    if (fault.kind == FaultKind::Failed)
+      count_fault(run, {fault.file, fault.line, fault.word}, fault.failure);
+    else count_fault(run, {fault.file, fault.line}, {fault.text, {}, {}});
+  };
+}
+
+Faults telling_sink(Run &run) {
+  return [sink = fault_sink(run)](const Fault &fault) {
+    sink(fault);
+    if (fault.kind == FaultKind::Binary) std::printf("Error: %s\n", fault.text.c_str());
+  };
+}
+
+bool must_end(const Run &run) {
+  return run.outcome.refused || (run.strict && run.outcome.faults > 0);
+}
+
+Status exit_status(const Run &run) {
+  const Outcome &outcome = run.outcome;
+  if (outcome.refused) return Status::NotBegun;
+  if (!run.strict) return Status::Complete;
+  const bool whole = outcome.completed && outcome.failures == 0;
+  if (outcome.began) return whole ? Status::Complete : Status::Incomplete;
+  return outcome.ended && outcome.faults == 0 ? Status::EndedByOperator : Status::NotBegun;
+}
+
+void check_console(Run &run) {
+  if (!run.strict) return;
+  errno = 0;
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
+  count_failure(run, {}, {"cannot write to the console", {}, last_cause()});
+}
+
+void close_log(Run &run) {
+  if (!run.strict) return;
+  if (run.log->Lost) count_failure(run, {}, {"cannot write to the log", run.log->File, {}});
+  const Outcome &outcome = run.outcome;
+  const Status status = exit_status(run);
+  imsg("Outcome %d, %s: %d commands, %s files, %s bytes, %d failures, %d seconds",
+       static_cast<int>(status), status_words(status), static_cast<int>(outcome.commands),
+       std::to_string(outcome.files).c_str(), std::to_string(outcome.bytes).c_str(),
+       static_cast<int>(outcome.failures + outcome.faults),
+       static_cast<int>(std::time(nullptr) - run.started));
+  log_set(nullptr); // what follows would open it again
+  if (run.log->F && !finish(std::move(run.log->F)) && !run.log->Lost)
+    count_failure(run, {}, {"cannot write to the log", run.log->File, last_cause()});
+}
+
+void memory_ran_out(Run &run) {
+  std::printf("Error: Out of memory\n");
+  emsg("Out of memory");
+  if (run.strict) std::fprintf(stderr, "%s: Out of memory\n", or_empty(text_of(myname)));
+  ++(run.outcome.began ? run.outcome.failures : run.outcome.faults);
 }
 
 } // namespace installer

@@ -39,7 +39,8 @@ int load_datfile(Ini ini, const char *file, const Faults &faults) {
   if (ini == nullptr || file == nullptr) return 0;
   Lines lines{file, faults};
   if (!lines) {
-    emsg("Error opening '%s' for read, %s", file, lines.reason().c_str());
+    const std::string text = "Error opening '" + std::string{file} + "' for read, ";
+    faults({Severity::Error, FaultKind::Unreadable, file, 0, text + lines.reason(), {}});
     return 0;
   }
   clear_datfile();

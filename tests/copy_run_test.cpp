@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <set>
 
 #include <unistd.h>
 
@@ -151,6 +152,46 @@ TEST_F(CopyRunTest, CopiesToAllDestinations) {
   EXPECT_EQ(run_all("CopyDir m/b/* - ./m/*"), "8 0");
   for (const char *path : {"m/a/sub/f", "m/c/sub/f", "m/a/top", "m/c/top"})
     EXPECT_TRUE(fs::exists(path)) << path;
+}
+
+TEST_F(CopyRunTest, TellsAWatch) {
+  const Tree rows = {
+      {"CopyFile src/?.* *.bak ./out1", "copied ./out1/B.TXT; copied ./out1/a.txt; ~ 2"                 },
+      {"CopyFile src/s - ./out1",       "~ 0"                                                           },
+      {"CopyDir none* - ./out1",        "nothing matches none*; ~ 0"                                    },
+      {"CopyFile file - ./none",        "no directory to copy to ./none: No such file or directory; ~ 0"},
+      {"CopyFile ../pipe - ./out2",     "cannot read ../pipe: Operation not supported; ~ 0"             },
+      {"MkDir a/b",                     "created a; created a/b; ~ 1"                                   },
+      {"MkDir file/x",                  "cannot create directory file/x: Not a directory; ~ 0"          },
+      {"RmDir src/s CVS",
+       "kept src/s; removed src/s/cvs; removed src/s/cvs/f; removed src/s/d.txt; ~ 3"                   },
+      {"RmFile none* -",                "nothing matches none*; ~ 0"                                    },
+      {"Chmod src/none - 700",          "nothing matches src/none; ~ 0"                                 },
+      {"Chown file - no-user",          "no such user no-user; ~ 0"                                     },
+      {"WFile no/x x",                  "cannot write no/x: No such file or directory; ~ 0"             },
+      {"WFile f x no",                  "~ -1"                                                          },
+      {"Error no Not now",              "Not now ; ~ 0"                                                 },
+  };
+  for (const auto &[command, want] : rows) {
+    changes("");
+    std::multiset<std::string> told;
+    const CopyWatch watch = {
+        .begins = [&](std::uint32_t index) { EXPECT_EQ(index, 0U); },
+        .event =
+            [&](const FileEvent &event) {
+              told.insert(std::string{event.what} + " " + or_empty(event.path) +
+                          (event.cause ? ": " : "") + (event.cause ? cause_text(event.cause) : ""));
+            },
+        .ends = [&](std::uint32_t, int result) { told.insert("~ " + std::to_string(result)); }};
+    write_file("../script", "[run]\n" + command);
+    const std::unique_ptr<copy, Release<copy_free>> x{copy_init(store.get())};
+    EXPECT_EQ(copy_load(x.get(), "../script", "run"), 1);
+    x->watch = &watch;
+    static_cast<void>(copy_process(x.get(), nullptr, nullptr, 1));
+    std::string text;
+    for (const std::string &line : told) text += (text.empty() ? "" : "; ") + line;
+    EXPECT_EQ(text, want) << command;
+  }
 }
 
 TEST_F(CopyRunTest, GoesOnOrStops) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pty.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -299,13 +300,22 @@ TEST_P(Small, Dialogues) {
 
 static void make_input_impatient() { ::fcntl(0, F_SETFL, O_NONBLOCK | ::fcntl(0, F_GETFL)); }
 static void make_input_fail() { ::dup2(::open("/", O_RDONLY), 0); }
+/// The input is a terminal that is gone.
+static void hang_up() {
+  int main_end = -1;
+  int terminal = -1;
+  if (::openpty(&main_end, &terminal, nullptr, nullptr, nullptr) == 0) ::dup2(terminal, 0);
+  ::close(main_end);
+}
 
 TEST_P(Small, InputThatFails) {
   expect("@1A []? {x}\n@review{}\n@done@bye@exit", "x", {}, {}, {},
          {.prepare = make_input_impatient});
-  const Start failing = {.prepare = make_input_fail};
-  expect("@banner@choose@exit", "", {}, {}, {}, failing);
-  expect("@banner[w]\n@review@exit", "", {}, {}, {"-special", "w"}, failing); // no consent
+  for (const auto prepare : {make_input_fail, hang_up}) {
+    const Start failing = {.prepare = prepare};
+    expect("@banner@choose@exit", "", {}, {}, {}, failing);
+    expect("@banner[w]\n@review@exit", "", {}, {}, {"-special", "w"}, failing); // no consent
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(, Small, testing::Values(Via::Pipe, Via::Pty),

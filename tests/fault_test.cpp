@@ -217,22 +217,39 @@ static void refuse(std::initializer_list<unsigned> calls, unsigned error) {
 
 constexpr unsigned Openat2 = 437, Fchmodat2 = 452;
 
+/// What the C library says where there is no /proc.
+static void without_proc() {
+  refuse({Openat2, Fchmodat2, SYS_statx}, ENOSYS);
+#ifdef SYS_chmod
+  refuse({SYS_chmod}, ENOENT);
+#endif
+  refuse({SYS_fchmodat}, ENOENT);
+}
+
 TEST(Fault, OldKernelsAndSandboxes) {
   const Tree complete = expected_tree();
-  for (const auto prepare : {+[] {
-                               refuse({Openat2, Fchmodat2, SYS_statx}, ENOSYS);
-                             },
-                             +[] {
-                               refuse({Openat2, Fchmodat2, SYS_statx}, EPERM);
-                             },
-                             +[] { refuse({Fchmodat2}, EIO); }}) {
+  const struct {
+    void (*prepare)();
+    bool changes;
+  } rows[] = {
+      {[] {
+         refuse({Openat2, Fchmodat2, SYS_statx}, ENOSYS);
+       },                         true },
+      {[] {
+         refuse({Openat2, Fchmodat2, SYS_statx}, EPERM);
+       },                         true },
+      {without_proc,                     true },
+      {[] { refuse({Fchmodat2}, EIO); }, false},
+  };
+  for (const auto &row : rows) {
     const TempDir scratch;
     write_product();
     write_file("out/one", "old"); // is replaced
-    const std::string console = install(prepare).console;
+    const std::string console = install(row.prepare).console;
     EXPECT_EQ(read_tree("out"), complete) << console;
     const std::string log = read_log("installer.log");
     const bool changed = (fs::status("out/one").permissions() & fs::perms::all) == fs::perms{0750};
+    EXPECT_EQ(changed, row.changes) << log;
     EXPECT_NE(changed, log.find("Error changing mode of '") != log.npos) << log;
   }
 }
@@ -243,8 +260,11 @@ TEST(Fault, DeepTreesOnASmallStack) {
   std::string deep = "src";
   while (deep.size() < 235 - scratch.path().size()) deep += "/d";
   write_file(deep + "/f", "at the bottom");
-  write_file("installer.cpy", "[install]\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
-                              "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
+  for (int i = 1; i < 40; ++i)
+    fs::create_symlink("link" + std::to_string(i - 1), "link" + std::to_string(i));
+  write_file("installer.cpy",
+             "[install]\nWFile link39 to\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
+             "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
   fs::create_directory("out");
 #ifdef __SANITIZE_ADDRESS__
   const auto prepare = [] { limit(RLIMIT_STACK, 1U << 20); };

@@ -60,6 +60,12 @@ TEST(Substitution, EndsAndIsCut) {
   EXPECT_STREQ(result, "longn)");
 }
 
+TEST(Settings, NamesOfOneKindHaveDifferentHashes) {
+  EXPECT_NE(FoldedName{}("a~"), FoldedName{}("b_"));
+  EXPECT_NE(FoldedName{}("ab"), FoldedName{}("ba"));
+  EXPECT_EQ(FoldedName{}("Name"), FoldedName{}("nAME"));
+}
+
 TEST(Substitution, EndsInLongRowsAndCircles) {
   std::vector<std::string> settings;
   for (int i = 0; i < 20000; ++i)

@@ -70,8 +70,10 @@ TEST_F(LinksTest, OwnLinksWork) {
   fs::create_symlink("b-loop", "a-loop");
   fs::create_symlink("a-loop", "b-loop");
   fs::create_directory_symlink("/", "root");
-  for (const char *command : {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755",
-                              "Chmod a-loop - 755", "WFile dir/ value", "WFile new/ value"})
+  fs::create_symlink("missing", "gone");
+  for (const char *command :
+       {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755", "Chmod a-loop - 755",
+        "WFile dir/ value", "WFile new/ value", "WFile gone/ value", "RFile file/ r"})
     EXPECT_FALSE(works(command)) << command;
   EXPECT_EQ(find_spot(AT_FDCWD, "//").name + find_spot(AT_FDCWD, "chain/..").name, "...");
   EXPECT_FALSE(works("WFile /proc/self/fd/999 value"));
@@ -140,6 +142,13 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   plant("tree/t/sub", safe + "/dir", Other, 0);
   plant("tree/t/file", safe + "/file", Other, 0);
   plant("tree/gone", safe + "/new", Other, 0);
+  // A process of theirs could lead these elsewhere at any moment, whoever owns what is there now.
+  write_file("theirs/f", "old");
+  for (const char *path : {"theirs", "theirs/f"}) EXPECT_EQ(::chown(path, Other, Other), 0);
+  const Descriptor held{::open("theirs/f", O_RDONLY)}, held_dir{::open("theirs", O_RDONLY)};
+  const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd/";
+  plant("tree/proc", fds + std::to_string(held.get()), Other, Other);
+  plant("tree/procdir", fds + std::to_string(held_dir.get()), Other, Other);
   const Tree before = read_tree("../safe");
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
@@ -164,7 +173,11 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
                               "MkDir tree/cur/new",
                               "MkDir tree/gone/new",
                               "Rename tree/cur/f here",
-                              "Rename src/file tree/cur/f"}) {
+                              "Rename src/file tree/cur/f",
+                              "WFile tree/proc value",
+                              "Chmod tree/proc - 777",
+                              "Chown tree/procdir - nobody",
+                              "WFile tree/procdir/f value"}) {
     EXPECT_FALSE(works(command)) << command;
     EXPECT_NE(take_errors().find("is not trusted"), std::string::npos) << command;
     EXPECT_EQ(read_tree("../safe"), before) << command;

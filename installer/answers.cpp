@@ -1,0 +1,148 @@
+#include "installer/answers.h"
+
+#include "installer/lines.h"
+#include "installer/quest.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <set>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace installer {
+
+namespace {
+
+constexpr ::mode_t RecordPermissions = 0600;
+constexpr Cause NotRegular = {ENOTSUP, "not a regular file"};
+
+/// What continues a comment is a comment.
+constexpr LineRules AnswerLines = {.joined_comments = true};
+
+void load_answer(Answers &answers, char *line, const Lines &lines, const Faults &faults) {
+  const auto tell = [&](FaultKind kind, const std::string &text) {
+    faults(lines.fault(Severity::Error, kind, text));
+  };
+  const std::string name = or_empty(next_word(&line));
+  const char *value = line + std::strspn(line, " \t");
+  if (*value == '\0') tell(FaultKind::MissingWord, "'" + name + "' has no answer");
+  else if (find_answer(answers, name.c_str()) != nullptr)
+    tell(FaultKind::Repeated, "'" + name + "' is given twice");
+  else answers.push_back({name, value, lines.number()});
+}
+
+/// All of standard input, in memory that lasts as long as `text`: lines must be able to go back.
+Stream read_input(std::string &text) {
+  char piece[LineSize];
+  while (const std::size_t size = read_piece(stdin, piece, sizeof piece)) text.append(piece, size);
+  if (std::ferror(stdin) != 0) return {};
+  std::clearerr(stdin); // a terminal can go on
+  return Stream{text.empty() ? s_fopen("/dev/null", "r")
+                             : ::fmemopen(text.data(), text.size(), "r")};
+}
+
+/// The settings of all questions in the file that are asked; none when it cannot be read.
+std::optional<std::set<std::string>> asked_settings(const char *questions) {
+  Lines lines{questions};
+  const QuestOwner quest{quest_init(nullptr)};
+  const Faults silent = [](const Fault &) {};
+  while (lines.enter_next()) quest_read(quest.get(), lines, silent);
+  std::set<std::string> settings;
+  if (lines.failed()) return {};
+  for (const Quest &entry : quest->list)
+    if (quest_keyword(entry.type).accept != nullptr) settings.insert(*entry.setting);
+  return settings;
+}
+
+/// True when answers_load would read the answer back.
+bool fits_line(const Answer &answer) {
+  const std::string &value = answer.value;
+  const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  return !value.empty() && !space(value.front()) && !space(value.back()) &&
+         value.find('\n') == value.npos && answer.name.front() != '#' &&
+         answer.name.size() + 1 + value.size() < LineSize;
+}
+
+std::string record_text(const Answers &answers, const std::string &title) {
+  std::string text = "# " + escape_controls(title) + "\n";
+  for (const Answer &answer : answers)
+    text += fits_line(answer)
+                ? answer.name + " " + answer.value + "\n"
+                : "# " + escape_controls(answer.name) + ": no line can hold the answer\n";
+  return text;
+}
+
+/// The name beside the file under which a new one is made.
+std::string name_beside(const std::string &file) {
+  const char *separator = std::strrchr(file.c_str(), '/');
+  const std::size_t start =
+      separator != nullptr ? static_cast<std::size_t>(separator + 1 - file.c_str()) : 0;
+  return file.substr(0, start) + "." + file.substr(start) + ".installer-new";
+}
+
+/// True when all of the text has reached the system.
+bool write_new(const std::string &name, const std::string &text) {
+  ::unlink(name.c_str());
+  Descriptor fd = open_file(AT_FDCWD, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, Allow::Plain,
+                            RecordPermissions);
+  if (!fd || ::fchmod(fd.get(), RecordPermissions) != 0) return false;
+  Stream out{::fdopen(fd.get(), "w")};
+  if (!out) return false;
+  fd.release();
+  std::fwrite(text.data(), 1, text.size(), out.get());
+  return finish(std::move(out));
+}
+
+} // namespace
+
+Text answers_load(Answers &answers, const char *file, const Faults &faults) {
+  const bool standard_input = std::strcmp(file, "-") == 0;
+  std::string text;
+  Lines lines = standard_input ? Lines{read_input(text), "standard input", {}, AnswerLines}
+                               : Lines{file, {}, AnswerLines};
+  std::size_t told = 0; // a line that is too long comes in pieces
+  for (char *line : lines) {
+    const bool whole = !lines.cut() && !lines.continued();
+    if (whole) load_answer(answers, line, lines, faults);
+    else if (told != lines.number())
+      faults(lines.fault(Severity::Error, FaultKind::Cut, "The line is too long"));
+    if (!whole) told = lines.number();
+  }
+  return lines.failed() ? Text{lines.reason()} : Text{};
+}
+
+void answers_check(const Answers &answers, const char *file, const char *questions,
+                   const Faults &faults) {
+  const std::optional<std::set<std::string>> asked = asked_settings(questions);
+  if (!asked) return;
+  for (const Answer &answer : answers)
+    if (!asked->contains(answer.name))
+      faults({Severity::Error, FaultKind::UnknownKeyword, file, answer.line,
+              "No question asks for '" + answer.name + "'", answer.name});
+}
+
+Answer *find_answer(Answers &answers, const char *name) {
+  const auto found = std::find_if(answers.begin(), answers.end(),
+                                  [&](const Answer &answer) { return answer.name == name; });
+  return found != answers.end() ? &*found : nullptr;
+}
+
+void set_answer(Answers &answers, const char *name, const char *value) {
+  if (Answer *known = find_answer(answers, name)) known->value = value;
+  else answers.push_back({name, value});
+}
+
+Cause answers_write(const Answers &answers, const char *file, const std::string &title) {
+  struct ::stat info = {};
+  if (::lstat(file, &info) == 0 && !S_ISREG(info.st_mode)) return NotRegular;
+  const std::string beside = name_beside(file);
+  if (write_new(beside, record_text(answers, title)) && ::rename(beside.c_str(), file) == 0)
+    return {};
+  const Cause cause = last_cause();
+  ::unlink(beside.c_str());
+  return cause;
+}
+
+} // namespace installer

@@ -1,0 +1,131 @@
+#include "installer/options.h"
+
+#include "installer/front.h"
+
+#include <cstdlib>
+
+namespace installer {
+
+namespace {
+
+void set_automate(Run & /*run*/, const char * /*value*/) {
+  imsg("Automated install/upgrade...");
+  automate = 1;
+}
+
+void set_special(Run & /*run*/, const char *value) {
+  if (value == nullptr) {
+    std::printf("Usage: install -special <tag>\n");
+    std::exit(1);
+  }
+  special_mode = value;
+  imsg("Special mode [%s]", text_of(special_mode));
+}
+
+void set_strict(Run &run, const char * /*value*/) {
+  run.strict = true;
+  imsg("Strict mode");
+}
+
+void set_answers(Run &run, const char *value) {
+  run.answers_file = make_text(value);
+  imsg("Answers from '%s'", value);
+}
+
+void set_record(Run &run, const char *value) {
+  run.record = make_text(value);
+  imsg("Answers recorded in '%s'", value);
+}
+
+void set_debug(Run &run, const char * /*value*/) {
+  log_set_level(run.log, LogDebug);
+  imsg("Logging set to debug");
+}
+
+void show_version(Run & /*run*/, const char * /*value*/) {
+  std::printf("Installer version %s\n", "1.0d");
+  std::exit(0);
+}
+
+/// The usage is shown before anything else.
+void show_nothing(Run & /*run*/, const char * /*value*/) {}
+
+constexpr Option options[] = {
+    {"-automate", nullptr, "unattended: every question takes its default",              set_automate},
+    {"-special",  "TAG",   "run the section TAG of the product, without a menu",        set_special },
+    {"-strict",   nullptr, "tell by the exit status and on standard error what failed", set_strict  },
+    {"-answers",  "FILE",  "take answers from FILE (- for standard input) as defaults", set_answers },
+    {"-record",   "FILE",  "write the answers of this run to FILE",                     set_record  },
+    {"-debug",    nullptr, "log everything (as by default)",                            set_debug   },
+    {"-version",  nullptr, "show the version",                                          show_version},
+    {"--version", nullptr, nullptr,                                                     show_version},
+    {"-help",     nullptr, "show this (also --help, -h)",                               show_nothing},
+    {"--help",    nullptr, nullptr,                                                     show_nothing},
+    {"-h",        nullptr, nullptr,                                                     show_nothing},
+};
+
+bool is_for_help(const char *argument) {
+  const Option *option = find_word(options, argument, s_strcmp);
+  return option != nullptr && option->apply == show_nothing;
+}
+
+bool lacks_value(const Given &given) {
+  return given.option != nullptr && given.option->value != nullptr && given.value == nullptr;
+}
+
+/// -special without its tag has always ended in its own way.
+bool wrong(const CommandLine &line, const Given &given) {
+  if (given.option == nullptr) return line.strict;
+  return lacks_value(given) && (line.strict || given.option->apply != set_special);
+}
+
+} // namespace
+
+CommandLine read_command_line(char **argv, unsigned argc) {
+  CommandLine line;
+  for (unsigned next = 1; next < argc; ++next) line.help = line.help || is_for_help(argv[next]);
+  for (unsigned next = 1; next < argc; ++next) {
+    Given given{find_word(options, argv[next], s_strcmp), argv[next], nullptr};
+    const bool takes_value = given.option != nullptr && given.option->value != nullptr;
+    if (takes_value && next + 1 < argc) given.value = argv[++next];
+    line.given.push_back(given);
+    if (given.option == nullptr) continue;
+    if (given.option->apply == show_version) break;
+    line.strict = line.strict || given.option->apply == set_strict;
+  }
+  return line;
+}
+
+void print_usage(std::FILE *out) {
+  std::fprintf(out, "Usage: %s [OPTION]...\n", or_empty(text_of(myname)));
+  for (const Option &option : options) {
+    if (option.help == nullptr) continue;
+    const std::string words =
+        option.word + (option.value != nullptr ? " " + std::string{option.value} : "");
+    std::fprintf(out, "  %-14s  %s\n", words.c_str(), option.help);
+  }
+}
+
+bool check_command_line(const CommandLine &line) {
+  for (const Given &given : line.given) {
+    if (!wrong(line, given)) continue;
+    const std::string what = lacks_value(given) ? "option without its value" : "unknown argument";
+    give_reason({}, {what, given.word, {}});
+    print_usage(stderr);
+    return false;
+  }
+  return true;
+}
+
+void apply_options(Run &run, const CommandLine &line) {
+  for (const Given &given : line.given)
+    if (given.option != nullptr) given.option->apply(run, given.value);
+}
+
+void process_args(Log log, char **argv, unsigned argc) {
+  Run run;
+  run.log = log;
+  apply_options(run, read_command_line(argv, argc));
+}
+
+} // namespace installer

@@ -1,0 +1,297 @@
+// Runs that automation can trust, through the real program: exit statuses and reasons of strict
+// runs, answers from a file, the record of answers, the lock.
+
+#include "installer/log.h"
+#include "tests/support.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace installer {
+
+/// The product "pkg": its install makes `out`. Root has no file that it cannot read, so a pipe lies
+/// where that is wanted.
+static void write_product() {
+  write_file("pkg.dat", "product P\nport 80\nmissing /none/x\n");
+  write_file("pkg.int", "RFile absent x - -\n");
+  write_file("pkg.q", "[install]\nText port - - h Port\nYN sure port 81 h Sure\n[remove]\n[w]\n"
+                      "Dir dir - - h Dir\nFileName name - - h Name\n[none]\n");
+  write_file("pkg.cpy", "[install]\nMkDir out\nCopyDir src/* - $(current_dir)/out\n"
+                        "WFile out/port port\n[remove]\nRmFile out/port -\nRmDir out -\n"
+                        "[w]\nMkDir out\nWFile out/dir dir\nWFile out/name name\n");
+  write_file("blurb.txt", "Bye\n");
+  write_file("src/deep/b", "2");
+  write_file("src/a", "1");
+}
+
+static void catch_errors() { ::dup2(::open("errors", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2); }
+
+struct Result {
+  int status;
+  std::string console, reasons;
+};
+
+/// A run with these arguments, separated by blanks.
+static Result run_with(const std::string &arguments, const std::string &input = {},
+                       void (*prepare)() = catch_errors) {
+  std::istringstream words{arguments};
+  const std::vector<std::string> list{std::istream_iterator<std::string>{words}, {}};
+  const Outcome outcome = run(list, input, Via::Pipe, {.prepare = prepare});
+  return {WEXITSTATUS(outcome.status), outcome.console, read_file("errors")};
+}
+
+/// What is different about a product: a file with that text, "-" for none, "|" for a pipe, "/" for
+/// a directory. "PWD" in the reasons is the product's folder.
+struct Row {
+  std::string arguments, file, text;
+  int status;
+  std::string reasons, input = {};
+};
+
+static void change_product(const Row &row) {
+  fs::remove(row.file);
+  if (row.text == "|") ::mkfifo(row.file.c_str(), 0600);
+  else if (row.text == "/") fs::create_directory(row.file);
+  else if (!row.file.empty() && row.text != "-") write_file(row.file, row.text);
+}
+
+static void expect(const Row &row) {
+  SCOPED_TRACE(row.arguments + " " + row.file + " " + row.text);
+  const TempDir dir;
+  write_product();
+  change_product(row);
+  const Result result = run_with(row.arguments, row.input);
+  std::string reasons = row.reasons;
+  for (std::size_t at = 0; (at = reasons.find("PWD")) != reasons.npos;)
+    reasons.replace(at, 3, dir.path());
+  EXPECT_EQ(result.status, row.status) << result.console;
+  EXPECT_EQ(result.reasons.substr(0, result.reasons.find("Usage:")), reasons);
+  EXPECT_EQ(fs::exists("out"), row.status < 2) << result.console;
+  const bool installed = row.status == 0 && row.arguments.find("-special") == row.arguments.npos;
+  EXPECT_EQ(result.console.find("\nBye\n") != std::string::npos, installed) << result.console;
+  const std::string log = fs::is_regular_file("pkg.log") ? read_log("pkg.log") : "";
+  std::istringstream lines{log.empty() ? "" : reasons};
+  for (std::string line; std::getline(lines, line);)
+    EXPECT_NE(log.find("Error: " + line + "\n"), log.npos) << log;
+}
+
+static const std::string Go = "-automate -strict";
+
+TEST(Strict, Begins) {
+  const std::string to = "[install]\nMkDir out\n", full = ": No space left on device\n";
+  expect({Go, {}, {}, 0, ""});
+  expect({Go, "pkg.q", "[install]\nYN port - - h Port\n", 0, ""});
+  expect({"-strict", {}, {}, 0, "", "1\n82\n\n"});
+  expect({"-strict", "pkg.q", "[install]\nYN port - - h Port\n", 0, "", "1\nmaybe\ny\n\n"});
+  expect({Go, "src/deep/p", "|", 1,
+          "pkg: pkg.cpy:3: CopyDir: cannot read: src/deep/p: Operation not supported\n"});
+  expect({Go, "pkg.cpy", to + "WFile /dev/full port\n", 1,
+          "pkg: pkg.cpy:3: WFile: cannot write: /dev/full" + full});
+  expect({Go, "pkg.cpy", to + "#" + std::string(2000, '#') + "\nRmFile none -\n", 1,
+          "pkg: pkg.cpy:4: RmFile: nothing matches: none\n"});
+  expect({Go, "pkg.cpy", to + "Error port No\\n\nChmod none/* - 644\n", 1,
+          "pkg: pkg.cpy:4: Chmod: cannot list: none/: No such file or directory\n"});
+  expect({Go + " -special remove", "pkg.cpy",
+          "[remove]\nMkDir out\nRmFile none/x -\nRmDir none -\nRmDir src/* b\n", 0, ""});
+  expect({Go + " -special remove", "pkg.cpy",
+          "[remove]\nMkDir out\nRmFile /proc/self/stat -\nExist a b\n", 1,
+          "pkg: pkg.cpy:3: RmFile: cannot remove: /proc/self/stat: Operation not permitted\n"});
+}
+
+TEST(Strict, DoesNotBegin) {
+  const std::string q = "pkg: pkg.q:2: ";
+  expect({Go + " -x", {}, {}, 2, "pkg: unknown argument: -x\n"});
+  expect({Go + " -special", {}, {}, 2, "pkg: option without its value: -special\n"});
+  expect({"-answers", {}, {}, 2, "pkg: option without its value: -answers\n"});
+  expect({Go, "pkg.log", "/", 2, "pkg: pkg.log: cannot open the log: Is a directory\n"});
+  expect({Go, "pkg.dat", "-", 2,
+          "pkg: pkg.dat: Error opening 'PWD/pkg.dat' for read, No such file or directory\n"});
+  expect({Go, "pkg.int", "-", 2,
+          "pkg: pkg.int: Failed to read 'PWD/pkg.int', No such file or directory\n"});
+  expect(
+      {Go, "pkg.q", "-", 2, "pkg: pkg.q: Error opening 'PWD/pkg.q', No such file or directory\n"});
+  expect({Go, "pkg.cpy", "-", 2,
+          "pkg: pkg.cpy: Error opening 'PWD/pkg.cpy', No such file or directory\n"});
+  expect({Go + " -special x", {}, {}, 2, "pkg: pkg.q: Section 'x' not found\n"});
+  expect({Go + " -special none", {}, {}, 2, "pkg: pkg.cpy: Section 'none' not found\n"});
+  expect({Go, "pkg.int", "#\nExist a\nexist a b - -\n", 2,
+          "pkg: pkg.int:2: Too few words\npkg: pkg.int:3: Unknown init command 'exist'\n"});
+  expect({Go, "pkg.int", "WFile $(missing) a - -\n", 2,
+          "pkg: pkg.int:1: WFile: cannot write: /none/x: No such file or directory\n"});
+  expect({Go, "pkg.int", "RFile src a - -\n", 2,
+          "pkg: pkg.int:1: RFile: cannot read: src: Is a directory\n"});
+  expect({Go, "pkg.q", "[install]\nText a\n", 2, q + "Missing control\n"});
+  expect({Go, "pkg.q", "[install]\nText port - - h " + std::string(999, 'x') + " x\n", 2,
+          q + "Unknown question type '" + std::string(16, 'x') + "'\n" + q + "Missing control\n" +
+              q + "The line is too long\n"});
+  expect({Go, "pkg.cpy", "[install]\nMkDr out\nMkDir\n", 2,
+          "pkg: pkg.cpy:2: Unknown copy type 'MkDr'\npkg: pkg.cpy:2: Missing not wildcard\npkg: "
+          "pkg.cpy:2: Missing copy destination path\npkg: pkg.cpy:3: Missing copy source path\n"});
+  expect({Go, "pkg.q", "[install]\nDirExist missing - - h x\n", 2,
+          q + "missing: Directory '/none/x' must exist\n"});
+  expect({Go, "pkg.q", "[install]\nText a - - h x\n", 2,
+          q + "a: There is neither an answer nor a default\n"});
+  expect({Go, "pkg.q", "[install]\nExist none e\nError e h No\n", 2, "pkg: pkg.q:3: Error: No\n"});
+  expect({Go, "pkg.q", "[install]\nExist none e\nLoop e 0\n", 2,
+          "pkg: pkg.q:3: Loop: The questions repeat without end\n"});
+  expect({Go, "pkg.dat", "port q\n", 2, q + "port: The default is 'q', which quits\n"});
+  expect({Go, "pkg.dat", "port B\n", 2, q + "port: The default is 'b', which goes back\n"});
+  expect({"-strict", {}, {}, 3, "", "4\n"});
+  expect({"-strict", {}, {}, 3, ""});
+  expect({"-strict", {}, {}, 3, "", "1\nq\n4\n"});
+  expect({"-strict", {}, {}, 3, "", "1\n82\n"});
+}
+
+TEST(Strict, TellsOfAConsoleOrALogThatLosesLines) {
+  const auto no_console = [] { catch_errors(), ::dup2(::open("/dev/full", O_WRONLY), 1); };
+  const auto no_log = [] {
+    const struct ::rlimit small = {600, RLIM_INFINITY};
+    catch_errors(), ::setrlimit(RLIMIT_FSIZE, &small);
+  };
+  const struct {
+    void (*prepare)();
+    const char *reason;
+  } rows[] = {
+      {no_console, "pkg: cannot write to the console: No space left on device\n"},
+      {no_log,     "pkg: cannot write to the log: "                             }
+  };
+  for (const auto &row : rows) {
+    const TempDir dir;
+    write_product();
+    const Result result = run_with(Go, {}, row.prepare);
+    EXPECT_EQ(result.status, 1) << row.reason;
+    EXPECT_TRUE(result.reasons.starts_with(row.reason)) << result.reasons;
+    EXPECT_TRUE(fs::exists("out/port")) << row.reason;
+  }
+}
+
+TEST(Strict, LogNamesCommandsFilesAndTheOutcome) {
+  const TempDir dir;
+  write_product();
+  run_with(Go);
+  const std::string log = read_log("pkg.log");
+  std::size_t at = 0;
+  for (const char *line :
+       {"Info: pkg.cpy:2 MkDir\nDebug: Processing [", "Info: created out\n",
+        "Info: pkg.cpy:3 CopyDir\n", "out/a\n", "Info: pkg.cpy:4 WFile\n",
+        "Info: Outcome 0, complete: 3 commands, 5 files, 2 bytes, 0 failures, "}) {
+    EXPECT_NE(at = log.find(line, at), log.npos) << line << log;
+    if (at == log.npos) break;
+  }
+}
+
+TEST(Strict, SecondRunEndsAtOnceAlsoAfterARotation) {
+  const TempDir dir;
+  write_product();
+  write_file("pkg.log", "");
+  const int held = ::open("pkg.log", O_WRONLY);
+  struct ::flock whole = {F_WRLCK, SEEK_SET, 0, 0, 0};
+  EXPECT_EQ(::flock(held, LOCK_EX), 0);
+  EXPECT_EQ(::fcntl(held, F_SETLK, &whole), 0);
+  const Result second = run_with(Go);
+  EXPECT_EQ(second.status, 2);
+  EXPECT_EQ(second.reasons, "pkg: pkg.log: in use by process " + std::to_string(::getpid()) + "\n");
+  EXPECT_EQ(second.console + read_log("pkg.log"), "");
+  EXPECT_EQ(run_with("-automate").status, 0); // neither takes nor heeds it
+  EXPECT_TRUE(fs::exists("out"));
+  ::close(held);
+  EXPECT_EQ(run_with(Go).status, 0);
+
+  Log x = log_init(LogDebug);
+  ::pid_t holder = 0;
+  EXPECT_EQ(log_open(x, "pkg.log"), 1);
+  EXPECT_FALSE(log_lock(x, holder));
+  x->Rotate = 1;
+  for (int line = 0; line < 3; ++line) {
+    log_line(x, "line", LogInfo);
+    EXPECT_EQ(run_with(Go).reasons, second.reasons) << line;
+  }
+  EXPECT_EQ(read_log("pkg.log0"), "Info: line\n");
+  EXPECT_EQ(read_log("pkg.log"), "");
+  log_free(&x);
+}
+
+// ---- Answers ----
+
+TEST(Answers, StandInForDefaults) {
+  const std::string with = Go + " -answers answers";
+  expect({with, "answers", "# c\n\n port \t 8 $(x) \r\ndir /x\n", 0, ""});
+  expect({Go + " -answers -", {}, {}, 0, "", "port 9"});
+  expect({with, {}, {}, 2, "pkg: answers: cannot read the answers: No such file or directory\n"});
+  expect({"-answers none",
+          {},
+          {},
+          2,
+          "pkg: none: cannot read the answers: No such file or directory\n"});
+  expect({
+      with, "answers", std::string{"port 1\n\0", 8},
+        2,
+      "pkg: answers: cannot read the answers: line 2 holds a zero byte\n"
+  });
+  expect({with, "answers", "port q", 2, "pkg: pkg.q:2: port: The default is 'q', which quits\n"});
+  expect({with, "answers", "port 81\nsure maybe\n", 2,
+          "pkg: pkg.q:3: sure: You must answer either Yes or No\n"});
+  expect({with, "answers", "port 81\n", 2,
+          "pkg: pkg.q:3: sure: There is neither an answer nor a default\n"});
+  expect({with, "answers", "x 1\nport\nport 2\nport 3\ndir " + std::string(999, 'x') + "\n", 2,
+          "pkg: answers:2: 'port' has no answer\npkg: answers:4: 'port' is given twice\n"
+          "pkg: answers:5: The line is too long\npkg: answers:1: No question asks for 'x'\n"});
+  const TempDir dir;
+  write_product();
+  write_file("answers", "port 81\nport 2\nx 1\nsure maybe\n");
+  const Result lenient = run_with("-answers answers", "1\n\n\nyes\ny\n85\n\n");
+  EXPECT_NE(
+      lenient.console.find("Port [81]? Sure [maybe]? Error: You must answer either Yes or No, "
+                           "please try again\nSure [maybe]? Do you want to change your answers "
+                           "[n]? Port [81]? Do you want"),
+      std::string::npos)
+      << lenient.console;
+  EXPECT_EQ(lenient.reasons, "");
+  EXPECT_EQ(read_file("out/port"), "85");
+}
+
+TEST(Answers, RecordReplaysToTheSameTree) {
+  const TempDir dir;
+  write_product();
+  const std::string web = " -strict -special w";
+  EXPECT_EQ(run_with("-record answers" + web, "a \"b\" c/\n/x/a.tar.gz\n\n").status, 0);
+  EXPECT_EQ(read_file("answers"), "# P, w\ndir a \"b\" c/\nname /x/a.tar.gz\n");
+  EXPECT_EQ(fs::status("answers").permissions(), fs::perms{0600});
+  const Tree tree = read_tree("out");
+  fs::remove_all("out");
+  EXPECT_EQ(run_with("-automate -answers answers" + web).status, 0);
+  EXPECT_EQ(read_tree("out"), tree);
+  EXPECT_EQ(run_with("-record answers" + web, " a\n" + std::string(996, 'n') + "\n\n").status, 0);
+  EXPECT_EQ(read_file("answers"),
+            "# P, w\n# dir: no line can hold the answer\n# name: no line can hold the answer\n");
+  fs::create_symlink("answers", "link");
+  for (const char *wrong : {"link", "src", "/dev/null", "none/x"}) {
+    fs::remove_all("out");
+    const Result result = run_with(std::string{"-automate -record "} + wrong);
+    EXPECT_EQ(result.status, 2) << wrong;
+    EXPECT_TRUE(result.reasons.starts_with("pkg: cannot record the answers: ")) << result.reasons;
+    EXPECT_TRUE(!fs::exists("out") && result.console.find("Bye") == std::string::npos) << wrong;
+  }
+}
+
+TEST(Answers, HelpOpensNothing) {
+  for (const char *arguments :
+       {"-help", "-x --help", "-special -h", "-strict -automate -answers -h"}) {
+    const TempDir dir;
+    const Result result = run_with(arguments);
+    EXPECT_EQ(result.status, 0) << arguments;
+    EXPECT_NE(result.console.find("\n  -answers FILE"), std::string::npos) << result.console;
+    EXPECT_FALSE(fs::exists("pkg.log")) << arguments;
+  }
+  const TempDir dir;
+  EXPECT_EQ(run_with("--version -strict -x").console, "Installer version 1.0d\n");
+}
+
+} // namespace installer
