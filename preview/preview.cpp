@@ -208,6 +208,18 @@ int preview(Session &x, const Descriptor &manifest_folder, const std::string &ma
   return flush_report() && written == 0 ? *status : Wrong;
 }
 
+/// Opened before the view is made: afterwards everything is read-only. What cannot become a file is
+/// refused now and not after all questions.
+Refused open_manifest_folder(const std::filesystem::path &manifest, Descriptor &folder) {
+  const std::string parent = manifest.has_parent_path() ? manifest.parent_path().string() : ".";
+  const std::string name = manifest.has_filename() ? manifest.filename().string() : ".";
+  struct ::stat info = {};
+  folder = Descriptor{::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  if (!folder) return refusal(manifest.string());
+  if (::fstatat(folder.get(), name.c_str(), &info, 0) != 0 || !S_ISDIR(info.st_mode)) return {};
+  return Refusal{manifest.string(), EISDIR};
+}
+
 /// The working directory by a name that leads to it, which the view needs.
 Refused find_folder(std::string &folder) {
   std::error_code error;
@@ -235,14 +247,10 @@ int preview_main(int argc, char **argv) {
   if (!streams_open(session.streams)) return fail(refusal("a standard stream"));
   if (Refused refused = find_folder(session.folder)) return fail(*refused);
   session.product = tree_join(session.folder, product_name(x.command.front()));
-  // Opened before the view is made: afterwards everything is read-only.
   Descriptor manifest_folder;
-  std::filesystem::path manifest{or_empty(x.manifest)};
-  if (x.manifest != nullptr) {
-    const std::string parent = manifest.has_parent_path() ? manifest.parent_path().string() : ".";
-    manifest_folder = Descriptor{::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (!manifest_folder || manifest.filename().empty()) return fail(refusal(x.manifest));
-  }
+  const std::filesystem::path manifest{or_empty(x.manifest)};
+  if (x.manifest != nullptr)
+    if (Refused refused = open_manifest_folder(manifest, manifest_folder)) return fail(*refused);
   if (Refused refused = view_open(session.view, x.keep, session.folder)) return fail(*refused);
   tell_limits(session.view);
   return preview(session, manifest_folder, manifest.filename().string());
