@@ -210,7 +210,8 @@ void Worker::make(const Step &step) {
     part.uses[static_cast<std::size_t>(path - step.uses.data())].text = text;
     const std::string parent = path_of(product_, part, part.uses.front());
     const Spot *there = tree_.find(parent);
-    if (there == nullptr || !there->made) tree_.put(parent, node(step, true));
+    if ((there == nullptr || !there->made) && own_.contains(parent))
+      tree_.put(parent, node(step, true));
   }
 }
 
@@ -231,6 +232,10 @@ void Worker::fill(const Step &step, Effect &effect) {
   if (target == nullptr) return;
   const std::vector<std::string> found = find(step, *source, effect);
   effect.matches = found.size();
+  for (const std::string &path : found) {
+    const PayloadEntry *entry = find_entry(product_.payload, path);
+    if (entry != nullptr && entry->kind != EntryKind::File) effect.unfit = path;
+  }
   write(step, effect, *target, !found.empty() && tree_.find(found.front())->program);
 }
 
@@ -355,6 +360,16 @@ CopySection *section_of(Product &product, const char *name) {
   return nullptr;
 }
 
+/// What an answer must already be is the operator's.
+void drop_existing(const CopySection &install, Own &own) {
+  if (install.questions == nullptr) return;
+  for (const Step &step : install.questions->steps) {
+    const Use *result = use_of(step, Role::Result);
+    const bool there = step.type == QDirExist && result != nullptr && result->known != nullptr;
+    if (there && result->known->value) own.erase(plain_path(*result->known->value, Here));
+  }
+}
+
 Own find_own(Product &product) {
   Own own;
   const CopySection *install = section_of(product, "install");
@@ -363,6 +378,7 @@ Own find_own(Product &product) {
     for (const Step &step : install->steps)
       if (static_cast<CType>(step.type) == CType::MkDir)
         if (const Use *path = use_of(step, Role::Path)) note_own(product, step, *path, own);
+  if (install != nullptr) drop_existing(*install, own);
   if (removal != nullptr)
     for (const Step &step : removal->steps) {
       const Use *path = use_of(step, Role::Path);

@@ -221,6 +221,8 @@ void load_templates(Product &product, const Faults &faults) {
       if (static_cast<CType>(step.type) != CType::CpyIni) continue;
       const std::string path = path_of(product, step, step.uses.front());
       const PayloadEntry *entry = find_entry(product.payload, path);
+      // What cannot be read may have named any setting.
+      product.dropped = product.dropped || (entry != nullptr && entry->kind != EntryKind::File);
       if (entry == nullptr || entry->kind != EntryKind::File) continue;
       const auto [place, fresh] = known.try_emplace(path, product.templates.size());
       if (fresh) {
@@ -360,8 +362,17 @@ void load_product(const std::string &folder, const std::string &name, Product &p
   guess_all_sections(product);
   trace_settings(product);
   load_templates(product, faults);
-  if (is_file(product, "blurb.txt")) load_blurb(product, faults);
-  else if (missing_text(product, "blurb.txt").find("did you mean") != std::string::npos)
+  const PayloadEntry *blurb = find_entry(product.payload, Here + std::string{"/blurb.txt"});
+  if (blurb != nullptr && blurb->kind == EntryKind::File) load_blurb(product, faults);
+  else if (blurb != nullptr && blurb->kind == EntryKind::Other)
+    faults({Severity::Error,
+            FaultKind::Unreadable,
+            product.blurb_file,
+            0,
+            "'blurb.txt' is no plain file",
+            {}});
+  else if (blurb != nullptr ||
+           missing_text(product, "blurb.txt").find("did you mean") != std::string::npos)
     require(product, "blurb.txt");
   trace_readers(product);
   trace_effects(product);

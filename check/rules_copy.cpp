@@ -8,6 +8,7 @@
 #include "installer/lib.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 namespace installer {
 
@@ -111,10 +112,11 @@ void payload_entry(const Product &product, const Find &find) {
     if (effect.unfit.empty()) return;
     const PayloadEntry *entry = find_entry(product.payload, effect.unfit);
     const EntryKind kind = entry != nullptr ? entry->kind : EntryKind::Dangling;
-    const char *what = kind == EntryKind::LinkedDir  ? " is a link to a directory"
-                       : kind == EntryKind::Outside  ? " is a link out of the folder"
-                       : kind == EntryKind::Dangling ? " is a link to nothing"
-                                                     : " is no plain file";
+    const char *what = kind == EntryKind::Dir         ? " is a directory"
+                       : kind == EntryKind::LinkedDir ? " is a link to a directory"
+                       : kind == EntryKind::Outside   ? " is a link out of the folder"
+                       : kind == EntryKind::Dangling  ? " is a link to nothing"
+                                                      : " is no plain file";
     find(step, shown_path(effect.unfit) + what + ", which is not copied");
   });
 }
@@ -257,11 +259,13 @@ void may_match_nothing(const Product &product, const Find &find) {
 }
 
 void may_be_empty(const Product &product, const Find &find) {
+  std::unordered_set<std::string_view> told; // a line for the setting mends them all
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
     if (!is_one_of(step, {CType::RmFile, CType::RmDir, CType::Chmod, CType::Chown})) return;
     const Use &source = *use_of(step, Role::Path);
     const Use *first = source.text.starts_with("$(") ? use_of(step, Role::Reference) : nullptr;
-    if (first != nullptr && first->known != nullptr && first->known->can_be_empty)
+    if (first != nullptr && first->known != nullptr && first->known->can_be_empty &&
+        told.insert(first->text).second)
       find(step, quoted(first->text) + " may be empty; a line for it in " + product.data_file +
                      " keeps it from that");
   });
@@ -320,6 +324,8 @@ void left_behind(const Product &product, const Find &find) {
 void early_marker(const Product &product, const Find &find) {
   for (const Marker &marker : product.markers) {
     if (marker.last == nullptr || marker.made == marker.last) continue;
+    const Use *reference = use_of(*marker.test, Role::Reference);
+    if (reference != nullptr && !reference->closed) continue;
     const std::string path = quoted(use_of(*marker.test, Role::Path)->text);
     if (marker.made == nullptr)
       find(*marker.test, "the install does not make " + path + ", which tells that it was done");

@@ -8,6 +8,8 @@
 #include "installer/lib.h"
 
 #include <cstdlib>
+#include <string_view>
+#include <unordered_set>
 
 namespace installer {
 
@@ -116,12 +118,14 @@ void loop_repeats(const Product &product, const Find &find) {
 }
 
 void no_default(const Product &product, const Find &find) {
+  std::unordered_set<std::string_view> told; // a line for the setting mends them all
   each_question(product, [&](const QuestSection &, const Step &step) {
     const Use &setting = *use_of(step, Role::Result);
     const bool none =
         setting.known == nullptr || (!setting.known->open && setting.known->values.empty());
     const Traffic &traffic = product.settings.at(setting.text);
-    if (none && traffic.reads > 0 && !traffic.excused && may_be_asked(step))
+    if (none && traffic.reads > 0 && !traffic.excused && may_be_asked(step) &&
+        told.insert(setting.text).second)
       find(step, quoted(setting.text) + " has no default for an unattended run" +
                      (setting.known == nullptr ? product.names.hint(setting.text) : ""));
   });

@@ -123,7 +123,9 @@ void Lines::remark_line(const char *line, Want want) {
   if (cut_ && !continued_ && !(comment_ && rules_.joined_comments))
     remark(FaultKind::LongLine, "The line is longer than 999 characters", each);
   if (want == Want::Headers && section_.empty() && !comment_ && !is_header(line))
-    remark(FaultKind::Outside, "The line stands before the first section", outside_told_);
+    remark(zero_ ? FaultKind::Binary : FaultKind::Outside,
+           zero_ ? "The line holds a zero byte" : "The line stands before the first section",
+           outside_told_);
 }
 
 char *Lines::read(Want want) {

@@ -113,10 +113,10 @@ struct Mistake {
   void make(const std::string &folder) const {
     fs::copy(tests + "mill", folder, fs::copy_options::recursive);
     const std::string path = folder + "/" + changes[0].file;
-    if (action == "rm") fs::remove(path);
-    else if (action == "mv") fs::rename(path, folder + "/" + changes[0].text);
+    if (action == "rm" || action == "ln") fs::remove(path);
+    if (action == "mv") fs::rename(path, folder + "/" + changes[0].text);
     else if (action == "ln") fs::create_symlink(changes[0].text, path);
-    else
+    else if (action != "rm")
       for (const Change &change : changes) change.make(folder);
   }
 
