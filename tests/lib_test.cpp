@@ -100,8 +100,9 @@ TEST(Paths, Attach) {
       {"abcdefg",  "hi",     "abcdefg/"},
       {"abcdefgh", "i",      "abcdefgh"}
   };
-  for (const auto &[path, file, want] : rows)
-    EXPECT_EQ(in_block(9, path, [&](char *b) { return attach_path(b, file, 9); }), want) << path;
+  for (const auto &row : rows)
+    EXPECT_EQ(in_block(9, row[0], [&](char *b) { return attach_path(b, row[1], 9); }), row[2])
+        << row[0];
   EXPECT_EQ(in_block(6, "abc", [](char *b) { return attach_ext(b, ".log", 6); }), "abc.l");
   EXPECT_EQ(in_block(6, "d", [](char *b) { return join_path(b, 6, b, "a\\b"); }), "d/a\\b 1");
   EXPECT_EQ(in_block(3, "d", [](char *b) { return join_path(b, 3, b, "x"); }), "d 0");
