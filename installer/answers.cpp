@@ -9,6 +9,8 @@
 #include <set>
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace installer {
@@ -33,14 +35,24 @@ void load_answer(Answers &answers, char *line, const Lines &lines, const Faults 
   else answers.push_back({name, value, lines.number()});
 }
 
-/// All of standard input, in memory that lasts as long as `text`: lines must be able to go back.
-Stream read_input(std::string &text) {
+/// A file without a name, in memory where the kernel can: answers hold secrets.
+Stream nameless_file() {
+  Descriptor memory{static_cast<int>(::syscall(SYS_memfd_create, "answers", MFD_CLOEXEC))};
+  Stream stream{memory ? ::fdopen(memory.get(), "w+") : std::tmpfile()};
+  if (memory && stream) memory.release();
+  return stream;
+}
+
+/// All of standard input, for lines must be able to go back.
+Stream read_input() {
+  Stream copy = nameless_file();
   char piece[LineSize];
-  while (const std::size_t size = read_piece(stdin, piece, sizeof piece)) text.append(piece, size);
-  if (std::ferror(stdin) != 0) return {};
+  while (const std::size_t size = copy ? read_piece(stdin, piece, sizeof piece) : 0)
+    std::fwrite(piece, 1, size, copy.get());
+  if (!copy || std::ferror(stdin) != 0 || std::fflush(copy.get()) != 0) return {};
   std::clearerr(stdin); // a terminal can go on
-  return Stream{text.empty() ? s_fopen("/dev/null", "r")
-                             : ::fmemopen(text.data(), text.size(), "r")};
+  std::rewind(copy.get());
+  return copy;
 }
 
 /// The settings of all questions in the file that are asked; none when it cannot be read.
@@ -99,8 +111,7 @@ bool write_new(const std::string &name, const std::string &text) {
 
 Text answers_load(Answers &answers, const char *file, const Faults &faults) {
   const bool standard_input = std::strcmp(file, "-") == 0;
-  std::string text;
-  Lines lines = standard_input ? Lines{read_input(text), "standard input", {}, AnswerLines}
+  Lines lines = standard_input ? Lines{read_input(), "standard input", {}, AnswerLines}
                                : Lines{file, {}, AnswerLines};
   std::size_t told = 0; // a line that is too long comes in pieces
   for (char *line : lines) {

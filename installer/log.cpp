@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace installer {
@@ -135,7 +136,7 @@ bool exchange_locked(Log x, const char *temporary) {
                             Allow::Plain, LogPermissions);
   if (!fd) return false;
   if (lock_file(fd.get()) &&
-      ::renameat2(AT_FDCWD, temporary, AT_FDCWD, x->File, RENAME_EXCHANGE) == 0) {
+      ::syscall(SYS_renameat2, AT_FDCWD, temporary, AT_FDCWD, x->File, RENAME_EXCHANGE) == 0) {
     log_close(x);
     x->F.reset(::fdopen(fd.release(), "a"));
     x->Size = 0;
