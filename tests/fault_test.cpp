@@ -20,6 +20,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#ifndef __has_feature // gcc says it with a macro
+#define __has_feature(feature) 0
+#endif
+
 namespace installer {
 
 /// A product that uses every command which touches files, in the current directory.
@@ -266,7 +270,7 @@ TEST(Fault, DeepTreesOnASmallStack) {
              "[install]\nWFile link39 to\nCopyDir src/* - $(to)\nChmod $(to)/* - 700\n"
              "Chown $(to)/* - $(user)\nRmDir $(to)/d -\n");
   fs::create_directory("out");
-#ifdef __SANITIZE_ADDRESS__
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
   const auto prepare = [] { limit(RLIMIT_STACK, 1U << 20); };
 #else
   const auto prepare = [] { limit(RLIMIT_STACK, 128U << 10); };
@@ -277,7 +281,7 @@ TEST(Fault, DeepTreesOnASmallStack) {
 }
 
 TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {
-#ifdef __SANITIZE_ADDRESS__
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
   GTEST_SKIP() << "the sanitizer needs the memory";
 #endif
   for (const std::string row : {"dat x", "int Copy x", "q Text x - - h", "cpy WFile x"}) {
