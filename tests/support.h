@@ -88,6 +88,9 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input 
 int run_injected(const std::string &inject, const std::string &path = {});
 /// True where strace may trace.
 bool can_trace();
+/// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how
+/// often a test tries what it picks at random.
+int times(int usual);
 /// Runs the program and kills it before its system call number `last`. False: it ended earlier.
 bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
