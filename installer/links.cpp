@@ -48,15 +48,42 @@ std::size_t last_component(const char *path) {
   return start;
 }
 
-/// Where a link of the kernel's leads is another process's to change, so its owner says nothing.
+/// What a link of the kernel's leads to at the moment is not what its maker meant by it.
 bool trusted(::uid_t owner, const Spot &target) {
   return owner == 0 || owner == ::geteuid() ||
          (target.exists() && target.follow != 0 && target.info.st_uid == owner);
 }
 
-bool made_by_kernel(int link) {
+bool made_by_kernel(int file) {
   struct ::statfs system = {};
-  return ::fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
+  return ::fstatfs(file, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
+}
+
+/// True when no other process says where the links in this directory of a /proc lead: those in its
+/// root are words (self, mounts), and those below a process's directory are that process's.
+bool links_of_ours(int dir) {
+  Descriptor at{::openat(dir, ".", DirectoryFlags)};
+  struct ::stat below = {};
+  struct ::stat self = {};
+  for (bool root = true; at && made_by_kernel(at.get()); root = false) {
+    if (::fstatat(at.get(), "self", &self, 0) == 0) return root || same_inode(below, self);
+    if (::fstat(at.get(), &below) != 0) break;
+    at = Descriptor{::openat(at.get(), "..", DirectoryFlags)};
+  }
+  return false;
+}
+
+/// Follows a link that the system alone can follow, and only to where this process is. Another one
+/// may be in a mount name space of its user's, who puts any file at any place in it at any moment,
+/// so that the owner of what is found there says nothing of what is used.
+void follow_kernel(Spot &spot) {
+  if (!links_of_ours(spot.at())) {
+    spot.cause = UntrustedLink;
+    return;
+  }
+  spot.follow = 0;
+  spot.linked = true;
+  if (::fstatat(spot.at(), spot.name.c_str(), &spot.info, 0) != 0) spot.cause = last_cause();
 }
 
 /// Puts what the link at `spot` leads to in its place.
@@ -70,12 +97,7 @@ void follow_link(Spot &spot, int &links_left) {
     spot.cause = count < 0 ? last_cause() : Cause{ELOOP};
     return;
   }
-  if (made_by_kernel(link.get())) {
-    spot.follow = 0;
-    if (::fstatat(spot.at(), spot.name.c_str(), &spot.info, 0) != 0) spot.cause = last_cause();
-    spot.linked = true;
-    return;
-  }
+  if (made_by_kernel(link.get())) return follow_kernel(spot);
   text.resize(static_cast<std::size_t>(count));
   Spot target = follow_path(spot.at(), text.c_str(), links_left);
   if (!target.cause && !trusted(info.st_uid, target)) target.cause = UntrustedLink;

@@ -1,10 +1,12 @@
 #pragma once
 
 // Paths, followed only as far as their links can be trusted. A link is trusted when root, the
-// effective user or the owner of what it leads to made it; one that leads to nothing, or on over a
-// link of a process in /proc, only when one of the first two did. So nobody who may write somewhere
-// below a path can lead a run of another user away from it. What a path leads to is held as an open
-// directory and a name in it: whoever exchanges a part of the path afterwards changes nothing.
+// effective user or the owner of what it leads to made it; one that leads to nothing, or to a link
+// of this process in /proc, only when one of the first two did. A link of another process in /proc
+// (root, cwd, a descriptor) is never trusted, wherever it stands in a path. So nobody who may write
+// somewhere below a path can lead a run of another user away from it. What a path leads to is held
+// as an open directory and a name in it: whoever exchanges a part of the path afterwards changes
+// nothing.
 
 #include "installer/lib.h"
 

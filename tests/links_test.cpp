@@ -8,6 +8,8 @@
 
 #include <csignal>
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,6 +43,24 @@ static bool works(const std::string &command) {
   return copy_do(x.get(), 0, nullptr) > 0;
 }
 
+/// A process that does `act`, which does not return, until this is gone.
+struct Child {
+  explicit Child(void (*act)()) : id(::fork()) {
+    if (id == 0) act();
+  }
+  ~Child() {
+    ::kill(id, SIGKILL);
+    EXPECT_EQ(::waitpid(id, nullptr, 0), id);
+  }
+  Child(const Child &) = delete;
+  Child &operator=(const Child &) = delete;
+  /// A path as the process has it.
+  [[nodiscard]] std::string root(const std::string &path) const {
+    return "/proc/" + std::to_string(id) + "/root" + path;
+  }
+  ::pid_t id;
+};
+
 struct LinksTest : ::testing::Test {
   LinksTest() {
     fs::create_directory("work");
@@ -61,6 +81,7 @@ TEST_F(LinksTest, OwnLinksWork) {
        {"WFile chain/f value", "WFile file value", "WFile dangling value", "WFile dir/../n value",
         "CopyFile file - ./in", "CopyFile src/a - ./chain/../in", "CopyDir src/* - ./in",
         "Chmod chain/* - 600", "Chmod file - 640", "Ini chain/f dir/ini", "RFile file r",
+        "WFile /proc/self/cwd/n value", "RFile /proc/thread-self/root/proc/mounts r",
         "MkDir chain/new/er", "Rename chain/new dir/newer", "RmDir chain/newer -",
         "RmFile chain/ini -"})
     EXPECT_TRUE(works(command)) << command << take_errors();
@@ -149,6 +170,11 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd/";
   plant("tree/proc", fds + std::to_string(held.get()), Other, Other);
   plant("tree/procdir", fds + std::to_string(held_dir.get()), Other, Other);
+  const Child other{[] { ::pause(); }};
+  plant("tree/root", other.root(folder.path("work/theirs")), Other, Other);
+  plant("tree/far", other.root(folder.path("work/theirs/f")), Other, Other);
+  plant("tree/on", "far", Other, Other);
+  fs::create_directory_symlink("/proc/" + std::to_string(other.id), "other"); // root's
   const Tree before = read_tree("../safe");
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
@@ -177,7 +203,16 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
                               "WFile tree/proc value",
                               "Chmod tree/proc - 777",
                               "Chown tree/procdir - nobody",
-                              "WFile tree/procdir/f value"}) {
+                              "WFile tree/procdir/f value",
+                              "WFile tree/root/f value",
+                              "Chown tree/far - nobody",
+                              "Chmod tree/on - 777",
+                              "Chmod tree/root/* - 777",
+                              "RmFile tree/root/f -",
+                              "MkDir tree/root/new",
+                              "Ini other/cwd/theirs/f out",
+                              "WFile other/task/../root/dev/null value",
+                              "CopyFile other/exe - ./src"}) {
     EXPECT_FALSE(works(command)) << command;
     EXPECT_NE(take_errors().find("is not trusted"), std::string::npos) << command;
     EXPECT_EQ(read_tree("../safe"), before) << command;
@@ -188,13 +223,23 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   EXPECT_EQ(read_tree("../safe"), before);
 }
 
-/// Exchanges entries of a tree for links, over and over, until it is killed.
+/// Exchanges entries of a tree for links, over and over.
 [[noreturn]] static void swap_for_ever() {
   const int links = ::open("links", O_PATH), tree = ::open("tree", O_PATH);
   const int inner = ::openat(tree, "d", O_PATH); // the directory itself, wherever it is
   for (;;)
     for (const char *entry : {"file", "sub", "d"})
       ::renameat2(*entry == 'd' ? tree : inner, entry, links, entry, RENAME_EXCHANGE);
+}
+
+/// Puts a file that is another user's at the place of an own one and takes it away, over and over,
+/// where only this process and those who come through it can see it.
+[[noreturn]] static void mount_for_ever() {
+  if (::setuid(Other) != 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ::pause();
+  for (;;) {
+    ::mount("../safe/file", "theirs", nullptr, MS_BIND, nullptr);
+    ::umount2("theirs", MNT_DETACH);
+  }
 }
 
 TEST_F(LinksTest, NoSwapWins) {
@@ -215,14 +260,16 @@ TEST_F(LinksTest, NoSwapWins) {
     return text + std::to_string(read_tree("../safe").size());
   };
   const std::string before = all();
-  const ::pid_t swapper = ::fork();
-  if (swapper == 0) swap_for_ever();
+  fs::permissions("..", fs::perms{0755});
+  write_file("theirs", "old");
+  EXPECT_EQ(::chown("theirs", Other, Other), 0);
+  const Child swapper{swap_for_ever}, mounter{mount_for_ever};
+  plant("mounted", mounter.root(folder.path("work/theirs")), Other, Other);
   for (int i = 0; i < 250; ++i)
-    for (const char *command : {"CopyDir src/* - ./tree", "Chmod tree/* - 777",
-                                "Chown tree/* - nobody", "WFile tree/d/file value"})
+    for (const char *command :
+         {"CopyDir src/* - ./tree", "Chmod tree/* - 777", "Chown tree/* - nobody",
+          "WFile tree/d/file value", "Chmod mounted - 777", "WFile mounted value"})
       static_cast<void>(works(command));
-  ::kill(swapper, SIGKILL);
-  EXPECT_EQ(::waitpid(swapper, nullptr, 0), swapper);
   take_errors();
   EXPECT_EQ(all(), before);
 }
