@@ -201,15 +201,6 @@ int change_modes(const char *path, const char *file, const char *exclude, const 
 
 // ---- Settings files ----
 
-/// A text file, through trusted links.
-Stream open_text(const char *path, Cause &cause) {
-  Descriptor fd = open_trusted(or_empty(path), O_RDONLY, Allow::Plain, 0, cause);
-  Stream in{fd ? ::fdopen(fd.get(), "r") : nullptr};
-  if (in) fd.release();
-  else if (!cause) cause = last_cause();
-  return in;
-}
-
 /// Writes one template line: expanded and without its indentation when it holds a reference, else
 /// as it stands.
 bool write_template_line(pCopy x, char *piece, std::FILE *out) {

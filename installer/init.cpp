@@ -1,6 +1,7 @@
 #include "installer/init.h"
 
 #include "installer/file.h"
+#include "installer/links.h"
 #include "installer/log.h"
 #include "installer/replace.h"
 
@@ -67,7 +68,10 @@ Cause run_wfile(Ini ini, const init_item &item, const char *path) {
 
 Cause run_rfile(Ini ini, const init_item &item, const char *path) {
   std::string text;
-  if (const Cause cause = read_text(path, text)) return cause;
+  Cause cause;
+  const Stream in = open_text(path, cause);
+  if (in) cause = read_text(in.get(), text);
+  if (cause) return cause;
   if (!text.empty()) set_setting(ini, item.b, text.c_str());
   return {};
 }

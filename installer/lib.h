@@ -259,10 +259,7 @@ enum class Allow { Plain, Target };
 /// True when both paths lead to one existing file, links followed.
 [[nodiscard]] bool same_file(const char *a, const char *b);
 /// Reads a whole text file; zero bytes at its very end are dropped. The cause when it cannot be
-/// opened or read, or holds a zero byte elsewhere. Throws std::bad_alloc for a file that memory
-/// cannot hold.
-[[nodiscard]] Cause read_text(const char *file, std::string &text);
-/// The same from an open stream.
+/// read, or holds a zero byte elsewhere. Throws std::bad_alloc for a file that memory cannot hold.
 [[nodiscard]] Cause read_text(std::FILE *in, std::string &text);
 
 /// C's fgets, but the number of characters read, line end included; 0 at the end or after an error

@@ -110,11 +110,6 @@ std::FILE *s_fopen(const char *filename, const char *mode) {
   return stream;
 }
 
-Cause read_text(const char *file, std::string &text) {
-  const Stream stream{s_fopen(file, "rb")};
-  return stream ? read_text(stream.get(), text) : last_cause();
-}
-
 Cause read_text(std::FILE *in, std::string &text) {
   struct ::stat info = {};
   const bool sized = ::fstat(::fileno(in), &info) == 0 && info.st_size > 0;

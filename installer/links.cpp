@@ -197,6 +197,14 @@ Descriptor open_trusted(const char *path, int flags, Allow allow, ::mode_t perms
   return open_spot(find_spot(AT_FDCWD, path), flags, allow, perms, cause);
 }
 
+Stream open_text(const char *path, Cause &cause) {
+  Descriptor fd = open_trusted(or_empty(path), O_RDONLY, Allow::Plain, 0, cause);
+  Stream in{fd ? ::fdopen(fd.get(), "r") : nullptr};
+  if (in) fd.release();
+  else if (!cause) cause = last_cause();
+  return in;
+}
+
 Descriptor open_directory(const char *path, int flags, Cause &cause) {
   Descriptor fd = open_without_links(AT_FDCWD, path, flags | O_DIRECTORY);
   cause = fd ? Cause{} : last_cause();

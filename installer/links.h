@@ -49,6 +49,8 @@ struct Spot {
                                    Cause &cause);
 [[nodiscard]] Descriptor open_trusted(const char *path, int flags, Allow allow, ::mode_t perms,
                                       Cause &cause);
+/// A text file to be read; null for none. `cause`: why there is no stream.
+[[nodiscard]] Stream open_text(const char *path, Cause &cause);
 /// A directory, with O_PATH or to be listed with O_RDONLY. `cause`: why the descriptor is empty.
 [[nodiscard]] Descriptor open_directory(const char *path, int flags, Cause &cause);
 

@@ -1,5 +1,6 @@
 #include "installer/copy.h"
 #include "installer/file.h"
+#include "installer/init.h"
 #include "installer/links.h"
 #include "installer/replace.h"
 #include "tests/support.h"
@@ -175,6 +176,12 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   plant("tree/far", other.root(folder.path("work/theirs/f")), Other, Other);
   plant("tree/on", "far", Other, Other);
   fs::create_directory_symlink("/proc/" + std::to_string(other.id), "other"); // root's
+  write_file("script", "RFile tree/file stolen - -\n");
+  const Store store = make_store({});
+  const std::unique_ptr<init_s, Release<init_free>> init{init_init()};
+  EXPECT_EQ(init_load(init.get(), "script"), 1);
+  init_evaluate(init.get(), store.get());
+  EXPECT_EQ(ini_value_name(store.get(), "stolen"), nullptr);
   const Tree before = read_tree("../safe");
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
