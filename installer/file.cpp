@@ -122,8 +122,35 @@ Removed remove_tree(const Removing &r, const Place &dir, Entries *entries) {
 
 // ---- Owners and modes ----
 
+/// What is to be changed, held without opening it: that may need a right to read, or set off a
+/// device. `cause`: why it is not held, which a link that took its place never is.
+struct Held {
+  Descriptor fd;
+  struct ::stat info = {};
+  Cause cause;
+};
+
+Held hold(int dir, const char *name, int follow) {
+  Held held{Descriptor{::openat(dir, name, O_PATH | O_CLOEXEC | follow)}, {}, {}};
+  if (!held.fd || ::fstat(held.fd.get(), &held.info) != 0) held.cause = last_cause();
+  else if (S_ISLNK(held.info.st_mode)) held.cause = UntrustedLink;
+  return held;
+}
+
 /// Linux fchmodat2, which old kernels and C libraries do not have.
 constexpr long Fchmodat2 = 452;
+
+/// The way of old kernels, for which /proc has a name of what is held.
+Cause change_held_mode(int dir, const char *name, ::mode_t mode, int follow) {
+  const Held held = hold(dir, name, follow);
+  if (held.cause) return held.cause;
+  if (::chmod(("/proc/self/fd/" + std::to_string(held.fd.get())).c_str(), mode) == 0) return {};
+  if (errno != ENOENT) return last_cause();
+  // A system that is only being set up may lack /proc. Nothing else is safe to be opened.
+  if (!S_ISREG(held.info.st_mode) && !S_ISDIR(held.info.st_mode)) return {ENOTSUP};
+  const Descriptor fd = open_at_once(dir, name, O_RDONLY | follow);
+  return fd && ::fchmod(fd.get(), mode) == 0 ? Cause{} : last_cause();
+}
 
 Cause change_mode(int dir, const char *name, ::mode_t mode, int follow) {
   const int flags = follow != 0 ? AT_SYMLINK_NOFOLLOW : 0;
@@ -131,21 +158,15 @@ Cause change_mode(int dir, const char *name, ::mode_t mode, int follow) {
   const Cause cause = last_cause();
   // EPERM also comes from a sandbox that does not know the call.
   if (cause.number != ENOSYS && cause.number != EPERM) return cause;
-  if (::fchmodat(dir, name, mode, flags) == 0) return {};
-  if (errno != ENOTSUP) return last_cause();
-  // The C library needs /proc for it, which a system that is only being set up may lack.
-  const Descriptor fd = open_at_once(dir, name, O_RDONLY | O_NOFOLLOW);
-  if (fd && ::fchmod(fd.get(), mode) == 0) return {};
-  return cause.number == EPERM ? cause : last_cause();
+  const Cause other = change_held_mode(dir, name, mode, follow);
+  return other && cause.number == EPERM ? cause : other;
 }
 
 /// A link that took the entry's place must not become the new owner's: it would be trusted.
 Cause change_owner(int dir, const char *name, ::uid_t uid, ::gid_t gid, int follow) {
-  const Descriptor fd{::openat(dir, name, O_PATH | O_CLOEXEC | follow)};
-  struct ::stat info = {};
-  if (!fd || ::fstat(fd.get(), &info) != 0) return last_cause();
-  if (S_ISLNK(info.st_mode)) return UntrustedLink;
-  return ::fchownat(fd.get(), "", uid, gid, AT_EMPTY_PATH) == 0 ? Cause{} : last_cause();
+  const Held held = hold(dir, name, follow);
+  if (held.cause) return held.cause;
+  return ::fchownat(held.fd.get(), "", uid, gid, AT_EMPTY_PATH) == 0 ? Cause{} : last_cause();
 }
 
 bool is_root(const struct ::stat &info) {

@@ -2,6 +2,7 @@
 // moment, limits. Whatever happens the run ends by itself, tells of what it could not do, and can
 // be run again.
 
+#include "installer/file.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>
@@ -16,9 +17,17 @@
 #include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+/// As in a C library before 2.32, which could not do it without following links.
+extern "C" int fchmodat(int dir, const char *name, ::mode_t mode, int flags) noexcept {
+  if (flags == 0) return static_cast<int>(::syscall(SYS_fchmodat, dir, name, mode));
+  errno = ENOTSUP;
+  return -1;
+}
 
 #ifndef __has_feature // gcc says it with a macro
 #define __has_feature(feature) 0
@@ -256,6 +265,30 @@ TEST(Fault, OldKernelsAndSandboxes) {
     EXPECT_EQ(changed, row.changes) << log;
     EXPECT_NE(changed, log.find("Error changing mode of '") != log.npos) << log;
   }
+}
+
+/// The number of the first whose mode an ordinary user cannot change, without the call for that.
+[[noreturn]] static void change_modes_of_old(std::vector<file> files) {
+  if (::geteuid() == 0 && ::setuid(65534) != 0) ::_exit(99);
+  ::prctl(PR_SET_DUMPABLE, 1); // or else /proc/self/fd is root's
+  refuse({Fchmodat2}, ENOSYS);
+  for (std::size_t i = 0; i < files.size(); ++i)
+    if (file_chmod(&files[i], 0640) == 0) ::_exit(1 + static_cast<int>(i));
+  ::_exit(0);
+}
+
+TEST(Fault, OldKernelsChangeModesOfWhatCannotBeOpened) {
+  const TempDir scratch;
+  std::vector<file> files(2);
+  scpy(files[0].name, "file", sizeof files[0].name);
+  scpy(files[1].name, "sock", sizeof files[1].name);
+  EXPECT_EQ(::mknod("file", S_IFREG, 0) + ::mknod("sock", S_IFSOCK, 0), 0);
+  for (const file &made : files)
+    EXPECT_EQ(::geteuid() == 0 ? ::chown(made.name, 65534, 65534) : 0, 0);
+  fs::permissions(".", fs::perms{0755});
+  EXPECT_EXIT(change_modes_of_old(files), ::testing::ExitedWithCode(0), "");
+  for (const file &made : files)
+    EXPECT_EQ(fs::status(made.name).permissions(), fs::perms{0640}) << made.name;
 }
 
 TEST(Fault, DeepTreesOnASmallStack) {
