@@ -46,7 +46,7 @@ Options read_options(int argc, char **argv) {
     if (option != nullptr) read.*option->field = true;
     else if (!names_only && word == "--") names_only = true;
     else if (!names_only && word.starts_with('-')) {
-      std::fprintf(stderr, "installer-check: unknown option '%s'\n", argv[i]);
+      std::fprintf(stderr, "installer-check: unknown option '%s'\n", escape_controls(word).c_str());
       read.wrong = true;
     } else read.folders.push_back(word);
   }
@@ -70,14 +70,14 @@ int list_rules() {
 /// Checks each product of the folder. False, told: it cannot be read, or holds none.
 bool check_folder(const std::string &folder, Report &report) {
   std::vector<std::string> names;
-  const char *shown = folder.empty() ? "." : folder.c_str();
+  const std::string shown = folder.empty() ? "." : escape_controls(folder);
   if (const Cause cause = find_products(folder, names)) {
-    std::fprintf(stderr, "installer-check: cannot read folder '%s', %s\n", shown,
+    std::fprintf(stderr, "installer-check: cannot read folder '%s', %s\n", shown.c_str(),
                  cause_text(cause));
     return false;
   }
   if (names.empty()) {
-    std::fprintf(stderr, "installer-check: no product (NAME.dat) in '%s'\n", shown);
+    std::fprintf(stderr, "installer-check: no product (NAME.dat) in '%s'\n", shown.c_str());
     return false;
   }
   for (const std::string &name : names) {

@@ -67,9 +67,9 @@ std::size_t Report::count(Level level) const {
 bool Report::print(bool colour) const {
   for (const Finding &finding : findings_) {
     const Look &look = finding.rule->level == Level::Error ? error_look : warning_look;
-    std::printf("%s:%zu: %s%s:%s %s [%s]\n", finding.file.c_str(), finding.line,
-                colour ? look.colour : "", look.word, colour ? "\033[0m" : "", finding.text.c_str(),
-                finding.rule->name);
+    std::printf("%s:%zu: %s%s:%s %s [%s]\n", escape_controls(finding.file).c_str(), finding.line,
+                colour ? look.colour : "", look.word, colour ? "\033[0m" : "",
+                escape_controls(finding.text).c_str(), finding.rule->name);
   }
   return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }

@@ -41,6 +41,21 @@ void append(char *result, const char *text, std::size_t bfsz) {
   if (used < bfsz) scpy(result + used, text, bfsz - used);
 }
 
+/// True for a character that turns the direction of what is written around it, or ends a line.
+bool steers(unsigned code) {
+  constexpr struct {
+    unsigned first, last;
+  } ranges[] = {
+      {0x61c,  0x61c },
+      {0x200e, 0x200f},
+      {0x2028, 0x202e},
+      {0x2066, 0x2069}
+  };
+  return std::any_of(std::begin(ranges), std::end(ranges), [code](const auto &range) {
+    return code >= range.first && code <= range.last;
+  });
+}
+
 } // namespace
 
 constexpr std::array<unsigned char, 256> charmap = make_charmap();
@@ -201,18 +216,46 @@ char *next_word(char **line) {
   return word;
 }
 
-std::string escape_controls(const std::string &text) {
+Glyph first_glyph(std::string_view text) {
+  const auto byte = [text](std::size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const unsigned first = byte(0);
+  if (first < 0x80) return {1, first < 0x20 || first == 0x7f, true};
+  const Glyph alone = {1, first < 0xa0, false};
+  const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4) return alone;
+  unsigned code = first & (0x7fU >> size);
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xc0U) != 0x80U) return alone;
+    code = code << 6U | (byte(i) & 0x3fU);
+  }
+  constexpr std::array<unsigned, 5> least = {0, 0, 0x80, 0x800, 0x10000};
+  const bool surrogate = code >= 0xd800 && code < 0xe000;
+  if (code < least[size] || code > 0x10ffff || surrogate) return alone;
+  return {size, code < 0xa0 || steers(code), true};
+}
+
+std::string escape_byte(char c) {
+  char octal[8];
+  lprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(c)));
+  return c == '\n' ? "\\n" : c == '\t' ? "\\t" : octal;
+}
+
+std::string escape_controls(std::string_view text) {
   std::string result;
-  for (const char c : text) {
-    char octal[8];
-    lprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(c)));
-    if (c == '\n') result += "\\n";
-    else if (c == '\t') result += "\\t";
-    else if (std::iscntrl(static_cast<unsigned char>(c)) != 0) result += octal;
-    else result += c;
+  while (!text.empty()) {
+    const Glyph glyph = first_glyph(text);
+    for (const char c : text.substr(0, glyph.size)) {
+      if (glyph.control) result += escape_byte(c);
+      else result += c;
+    }
+    text.remove_prefix(glyph.size);
   }
   return result;
 }
+
+bool has_controls(std::string_view text) { return escape_controls(text) != text; }
 
 char *strip_file(char *file, char *buffer, std::size_t bfsz) {
   if (file == nullptr) return nullptr;

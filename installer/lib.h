@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <sys/stat.h>
 
@@ -196,9 +197,24 @@ template <class Table>
   return nullptr;
 }
 
-/// `text` with its control characters escaped ("\\n", "\\t", "\\033"), so that it stays one line
-/// and cannot talk to a terminal.
-[[nodiscard]] std::string escape_controls(const std::string &text);
+/// A character as a terminal reads it: `size` bytes. `control`: it does more than show itself. So
+/// do those of ASCII, U+0080 to U+009F (as single bytes too), what turns the direction of writing
+/// (U+061C, U+200E, U+200F, U+202A to U+202E, U+2066 to U+2069), and U+2028 and U+2029, which end a
+/// line. `valid`: it is UTF-8, else a byte.
+struct Glyph {
+  std::size_t size;
+  bool control;
+  bool valid;
+};
+/// The first of `text`, which is not empty.
+[[nodiscard]] Glyph first_glyph(std::string_view text);
+/// "\\n", "\\t", or three octal digits behind a backslash.
+[[nodiscard]] std::string escape_byte(char c);
+/// `text` with the bytes of its control characters escaped, so that it stays one line and cannot
+/// talk to a terminal. Other bytes stay, in UTF-8 or not.
+[[nodiscard]] std::string escape_controls(std::string_view text);
+/// True when there is one in `text`.
+[[nodiscard]] bool has_controls(std::string_view text);
 
 // ---- Paths -------------------------------------------------------------------------------------
 

@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include <unistd.h>
+
 namespace installer {
 
 namespace {
@@ -207,6 +209,13 @@ void print_prompt(const char *prompt) {
   std::printf("%s ", prompt);
 }
 
+/// True for a reply with the traces of a key that a terminal does not act on, such as an arrow: it
+/// looks right there. What comes through a pipe is as somebody wrote it.
+bool mistyped(const char *reply) {
+  const KeepErrno keep;
+  return has_controls(reply) && ::isatty(STDIN_FILENO) == 1;
+}
+
 } // namespace
 
 std::span<const QuestKeyword> quest_keywords() { return keywords; }
@@ -288,6 +297,10 @@ int quest_ask(Questions x, std::uint32_t i, char *buf, std::size_t n) {
     return 0;
   }
   const char *reply = s_strtrm(buf);
+  if (*reply != '\0' && mistyped(buf)) {
+    quest_seterror("The answer holds a control character");
+    return 0;
+  }
   if (*reply != '\0') return 1;
   if (*default_answer == '\0') {
     quest_seterror("You must enter an answer");

@@ -120,9 +120,8 @@ void quest_clear(Questions x);
 char *quest_default(Questions x, std::uint32_t i, char *buf, std::size_t size);
 /// Shows the question with its default, in lines of at most 79 characters when it is longer than
 /// 80, and reads a reply into `buf`, without white space at its end; an empty one becomes the
-/// default. 1; 0 without a reply (`quest_error` says why) and, with `buf` empty, at the end of
-/// input
-/// (`input_ended`).
+/// default. 1; 0 without a reply, or for one typed at a terminal that holds a control character
+/// (`quest_error` says why), and, with `buf` empty, at the end of input (`input_ended`).
 [[nodiscard]] int quest_ask(Questions x, std::uint32_t i, char *buf, std::size_t n);
 /// Checks `answer` against the question's type, changing it in place where the type says so, and
 /// stores it. 1 accepted, also when the store refuses it; 0 rejected (`quest_error` says why).

@@ -45,7 +45,8 @@ struct Run {
 };
 
 int complain(const std::string &text) {
-  std::fprintf(stderr, "installer-preview: %s: %s\n", text.c_str(), std::strerror(errno));
+  std::fprintf(stderr, "installer-preview: %s: %s\n", escape_controls(text).c_str(),
+               std::strerror(errno));
   return Refused125;
 }
 

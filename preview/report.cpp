@@ -22,34 +22,6 @@ std::string octal(unsigned value, std::size_t digits) {
   return text;
 }
 
-/// The length of the UTF-8 character at `at` that a terminal can show; 0 for a byte that it cannot.
-std::size_t printable(const std::string &text, std::size_t at) {
-  const auto byte = [&text](std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const unsigned first = byte(at);
-  if (first < 0x80) return first >= 0x20 && first != 0x7f ? 1 : 0;
-  const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-  if (first < 0xc2 || first > 0xf4) return 0;
-  unsigned code = first & (0x7fU >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    if ((byte(at + i) & 0xc0U) != 0x80U) return 0;
-    code = code << 6U | (byte(at + i) & 0x3fU);
-  }
-  constexpr std::array<unsigned, 5> least{0, 0, 0xa0, 0x800, 0x10000}; // 0x80 to 0x9f are controls
-  const bool surrogate = code >= 0xd800 && code < 0xe000;
-  return code >= least[size] && code <= 0x10ffff && !surrogate ? size : 0;
-}
-
-std::string escape(char c) {
-  switch (c) {
-  case '\n': return "\\n";
-  case '\t': return "\\t";
-  case '\\': return "\\\\";
-  default: return "\\" + octal(static_cast<unsigned char>(c), 3);
-  }
-}
-
 // ---- Names of users ----
 
 std::string user_name(::uid_t id) {
@@ -181,10 +153,14 @@ Refused add_sums(std::vector<Descriptor> &files, std::vector<std::string> &paths
 
 std::string report_name(const std::string &name) {
   std::string text;
-  for (std::size_t at = 0; at < name.size();) {
-    const std::size_t size = name[at] == '\\' ? 0 : printable(name, at);
-    if (size == 0) text += escape(name[at++]);
-    else text.append(name, at, size), at += size;
+  for (std::string_view rest = name; !rest.empty();) {
+    const Glyph glyph = first_glyph(rest);
+    const std::string_view shown = rest.substr(0, glyph.size);
+    rest.remove_prefix(glyph.size);
+    if (shown == "\\") text += "\\\\";
+    else if (!glyph.control && glyph.valid) text += shown;
+    else
+      for (const char c : shown) text += escape_byte(c);
   }
   return text;
 }

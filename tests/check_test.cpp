@@ -249,10 +249,13 @@ TEST(Check, ReportsWhatTheLoadersReport) {
 TEST(Check, PrintsInOrderAndCounts) {
   const TempDir folder;
   for (const char *name : {"a", "b"}) fs::copy(tests + "mill", name, fs::copy_options::recursive);
-  write_file("a/mill.dat",
-             "colour red\n# check: off unread-setting\ncolor red\n" + read_file("a/mill.dat"));
+  write_file("a/mill.dat", "colour\u009b red\n# check: off unread-setting\ncolor red\n" +
+                               read_file("a/mill.dat"));
   write_file("b/mill.cpy", read_file("b/mill.cpy") + "MkDr x\n");
-  const std::string warning = "a/mill.dat:1: warning: nothing reads 'colour' [unread-setting]\n";
+  fs::copy("a", "\x1b\u202e", fs::copy_options::recursive);
+  const std::string nothing_reads =
+      "/mill.dat:1: warning: nothing reads 'colour\\302\\233' [unread-setting]\n";
+  const std::string warning = "a" + nothing_reads;
   const std::string error =
       "b/mill.cpy:30: error: unknown command 'MkDr'; did you mean 'MkDir'? [unknown-keyword]\n";
   const std::string none =
@@ -265,12 +268,16 @@ TEST(Check, PrintsInOrderAndCounts) {
     std::string out, err;
     int status;
   } rows[] = {
-      {"b a",       warning + error, "1 error, 1 warning\n",           1},
-      {"a/",        warning,         "0 errors, 1 warning\n",          0},
-      {"-strict a", warning,         "0 errors, 1 warning\n",          1},
-      {"a none",    warning,         none + "0 errors, 1 warning\n",   2},
-      {"a/files",   "",              empty + "0 errors, 0 warnings\n", 2},
-      {"-wrong",    "",              wrong + usage,                    2},
+      {"b a",        warning + error,                        "1 error, 1 warning\n",           1},
+      {"a/",         warning,                                "0 errors, 1 warning\n",          0},
+      {"-strict a",  warning,                                "0 errors, 1 warning\n",          1},
+      {"a none",     warning,                                none + "0 errors, 1 warning\n",   2},
+      {"a/files",    "",                                     empty + "0 errors, 0 warnings\n", 2},
+      {"-wrong",     "",                                     wrong + usage,                    2},
+      {"\x1b\u202e", "\\033\\342\\200\\256" + nothing_reads, "0 errors, 1 warning\n",          0},
+      {"\xc2\x9b/x", "",
+       "installer-check: cannot read folder '\\302\\233/x', No such file or directory\n0 errors, 0 "
+       "warnings\n",                                                                           2},
   };
   for (const auto &row : rows) {
     const Checked checked = check(row.arguments);

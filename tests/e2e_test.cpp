@@ -318,6 +318,24 @@ TEST_P(Small, InputThatFails) {
   }
 }
 
+TEST_P(Small, TypedControlsAreRefused) {
+  const TempDir dir;
+  write_product("pkg.dat", "product P\na \x1b[D\n"); // a default is not typed
+  for (const char *odd : {"x\x1b[D", "\tx", "\x7f", "x\u009b1", "x\x9b", "x\u202ey"}) {
+    const bool pipe = GetParam() == Via::Pipe;
+    if (*odd == '\x7f' && !pipe) continue; // the terminal acts on it
+    const Outcome outcome =
+        run({}, "1\n" + std::string{odd} + (pipe ? "\n\n\n" : "\nx\u00e4\n\n\n"), GetParam());
+    const bool refused =
+        outcome.console.find("Error: The answer holds a control character, please try again") !=
+        std::string::npos;
+    EXPECT_EQ(refused, !pipe) << odd;
+    EXPECT_EQ(read_file("out"), pipe ? odd : "x\u00e4");
+  }
+  run({}, "1\n\n\n\n", GetParam());
+  EXPECT_EQ(read_file("out"), "\x1b[D");
+}
+
 INSTANTIATE_TEST_SUITE_P(, Small, testing::Values(Via::Pipe, Via::Pty),
                          testing::PrintToStringParamName());
 

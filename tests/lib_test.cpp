@@ -59,6 +59,27 @@ TEST(Text, CopiesAndCuts) {
   EXPECT_STREQ(HeapText{sadd(sadd(sadd(nullptr, "ab"), None), "cd")}.get(), "abcd");
 }
 
+TEST(Text, ControlsAreEscaped) {
+  const char *const rows[][2] = {
+      {"a b\\ \u00a0\u00e4\u20ac\U0001F600",       "a b\\ \u00a0\u00e4\u20ac\U0001F600"           },
+      {"\n\t\r\x1f\x7f~",                          "\\n\\t\\015\\037\\177~"                       },
+      {"\xc2\x80\xc2\x9f",                         "\\302\\200\\302\\237"                         },
+      {"\x80\x9f\xa0\xff\xc2",                     "\\200\\237\xa0\xff\xc2"                       },
+      {"\xc0\x9b\xe0\x82\x9b\xed\xa0\x80\xe2\x82", "\xc0\\233\xe0\\202\\233\xed\xa0\\200\xe2\\202"},
+      {"\xf0\x8f\xbf\xbf\xf4\x90\x80\xa0\xf5",     "\xf0\\217\xbf\xbf\xf4\\220\\200\xa0\xf5"      },
+  };
+  for (const auto &[text, want] : rows) {
+    EXPECT_EQ(escape_controls(text), want);
+    EXPECT_EQ(has_controls(text), std::string{text} != want) << want;
+  }
+  for (const char *steering :
+       {"\u061c", "\u200e", "\u200f", "\u2028", "\u202e", "\u2066", "\u2069"})
+    EXPECT_TRUE(has_controls(steering)) << escape_controls(steering);
+  for (const char *harmless :
+       {"\u061b", "\u061d", "\u200d", "\u2010", "\u2027", "\u202f", "\u2065", "\u206a"})
+    EXPECT_FALSE(has_controls(harmless)) << harmless;
+}
+
 TEST(Text, NothingOfNothing) {
   const void *const results[] = {s_strtrm(nullptr),   s_strstr(None, "a"),
                                  s_strstr("a", None), smake("x", 0),

@@ -481,6 +481,7 @@ TEST(PreviewForms, NamesAreEscaped) {
       {"\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", "ä€😀"                     },
       {"\xc2\x9b\xc0\x80\xe2\x82",             "\\302\\233\\300\\200\\342\\202"},
       {"\xed\xa0\x80\xff",                     "\\355\\240\\200\\377"          },
+      {"\xe2\x80\xae",                         "\\342\\200\\256"               },
   };
   for (const auto &r : rows) EXPECT_EQ(report_name(r.name), r.want);
 }

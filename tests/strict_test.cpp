@@ -107,7 +107,11 @@ TEST(Strict, Begins) {
 
 TEST(Strict, DoesNotBegin) {
   const std::string q = "pkg: pkg.q:2: ";
-  expect({Go + " -x", {}, {}, 2, "pkg: unknown argument: -x\n"});
+  expect({Go + " -x\u009b\x1b\u202e",
+          {},
+          {},
+          2,
+          "pkg: unknown argument: -x\\302\\233\\033\\342\\200\\256\n"});
   expect({Go + " -special", {}, {}, 2, "pkg: option without its value: -special\n"});
   expect({"-answers", {}, {}, 2, "pkg: option without its value: -answers\n"});
   expect({Go, "pkg.log", "/", 2, "pkg: pkg.log: cannot open the log: Is a directory\n"});
