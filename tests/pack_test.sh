@@ -6,6 +6,8 @@ programs=$(cd "$1" && pwd) examples=$(cd "$(dirname "${BASH_SOURCE[0]}")/../exam
 scratch=$(mktemp -d) failures=0
 trap 'chmod -R u+rwX "$scratch"; rm -rf "$scratch"' EXIT
 mkdir "$scratch"/{tmp,bin,start}
+chmod 711 "$scratch"
+chmod 1777 "$scratch/tmp"
 export TMPDIR=$scratch/tmp PATH=$programs:$PATH
 cd "$scratch"
 
@@ -19,6 +21,10 @@ status() { local status=0; "$@" >out 2>&1 || status=$?; echo "$status"; }
 # shellcheck disable=SC2012 # our own names
 entries() { ls -A "$1" | paste -sd ' '; }
 nothing_left() { is "$1: TMPDIR" "" "$(entries tmp)"; }
+# ordinary COMMAND...: as a user for whom modes count.
+ordinary() {
+  if ((EUID)); then "$@"; else setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; fi
+}
 
 if ! command -v installer-check >/dev/null; then
   # shellcheck disable=SC2016
@@ -32,6 +38,9 @@ cp "$programs/installer" board/noticeboard
 sed -i "s|^dir .*|dir $scratch/target|" board/noticeboard.dat
 mkdir board/files/empty
 chmod 750 board/files/board/cgi
+
+# first TOOL ARGUMENT...: status and first line.
+first() { echo "$(status "$@") $(head -n 1 out)"; }
 
 # The same folder gives the same file, wherever and by whomever.
 is "pack" 0 "$(status installer-pack board)"
@@ -111,11 +120,15 @@ is "kept" "noticeboard.log" "$(ls ../tmp/*)"
 rm -r ../tmp/*
 is "closed input" 0 "$(status $one <&-)"
 cd ..
-cp -R board echo
-cp "$(type -P echo)" echo/noticeboard
-is "pack echo" 0 "$(status installer-pack echo echo.run)"
+# A product that does what its argument says: a shell.
+cp -R board script
+cp "$BASH" script/noticeboard
+mkdir script/closed
+touch script/closed/file
+chmod 555 script/closed script
+is "pack a shell" 0 "$(status installer-pack script script.run)"
 is "arguments" "-special  a  b -answers $PWD/a -record /r -answers - --" \
-  "$(./echo.run -- -special ' a  b' -answers a -record /r -answers - --)"
+  "$(./script.run -- -c 'echo "$*"' - -special ' a  b' -answers a -record /r -answers - --)"
 nothing_left "runs"
 
 # Through a terminal, with every default.
@@ -142,20 +155,67 @@ is "not from a pipe" 2 "$(status sh <noticeboard.run)"
 is "nothing ran" "" "$(find . -name noticeboard.log -o -name target)"
 nothing_left "damaged"
 
-# Interrupted at the menu: the signal is the status, the log is there, the folder is gone.
+# By whatever shell it is run: the status is the signal's, the log is there, and the folder is gone,
+# be it hard to remove, but not what took its place.
 mkfifo in
 exec 9<>in
-for signal in HUP:129 INT:130 QUIT:131 TERM:143; do
-  rm -f noticeboard.log console
-  env --default-signal ./noticeboard.run <in >console 2>&1 &
-  for _ in {1..100}; do ! grep -q 'like to do' console 2>/dev/null || break; sleep 0.05; done
-  kill -s "${signal%:*}" $!
-  got=0
-  wait $! 2>/dev/null || got=$?
-  is "$signal" "${signal#*:}" "$got"
-  is "$signal: log" noticeboard.log "$(echo noticeboard.log*)"
-  nothing_left "$signal"
+for shell in dash 'busybox sh' bash; do
+  read -ra run <<<"$shell"
+  command -v "${run[0]}" >/dev/null || { echo "Not tried: $shell (not installed)"; continue; }
+  for signal in HUP:129 INT:130 QUIT:131 ABRT:134 USR1:138 USR2:140 PIPE:141 ALRM:142 TERM:143 \
+    XCPU:152 XFSZ:153 VTALRM:154 PROF:155; do
+    rm -f noticeboard.log console
+    env --default-signal "${run[@]}" ./noticeboard.run <in >console 2>&1 9>&- &
+    for _ in {1..200}; do ! grep -q 'like to do' console 2>/dev/null || break; sleep 0.05; done
+    kill -s "${signal%:*}" $!
+    got=0
+    wait $! 2>/dev/null || got=$?
+    is "$shell: $signal" "${signal#*:}" "$got"
+    is "$shell: $signal: log" noticeboard.log "$(echo noticeboard.log*)"
+    nothing_left "$shell: $signal"
+  done
+  while read -r work; do
+    is "$shell: $work" "0 " "$(first ordinary "${run[@]}" ./script.run -- -c "$work")"
+    nothing_left "$shell: $work"
+  done <<'END'
+mkdir -p a/b && touch a/b/c && chmod 000 a/b && chmod 555 a . ..
+chmod -R u+w . && rm -r ../../noticeboard.??????
+chmod -R u+w . && cd .. && mv product ../away && ln -s ../away product && rm -r ../away
+END
+  # shellcheck disable=SC2016 # for the other shell
+  is "$shell: moved" 0 "$(status "${run[@]}" ./script.run -- \
+    -c 'cd .. && mv "$PWD" ../moved && mkdir -p "$PWD/product/precious"')"
+  is "$shell: in its place" precious "$(ls tmp/noticeboard.*/product)"
+  rm -rf tmp/noticeboard.*
+  nothing_left "$shell: moved"
 done
+
+# Where others could put another folder in the place of its own, it does not unpack.
+mkdir -p tree/{open,sticky,group,other,own}/below
+chmod 777 tree/open
+chmod 1777 tree/sticky
+chmod 770 tree/group
+ln -s ../../own tree/open/below/link
+((EUID)) || chown 65534 tree/other tree/sticky/below
+while read -r wanted place refused; do
+  ((EUID == 0)) || [[ $refused != */other && $refused != */sticky/* ]] || continue
+  is "$place" "$wanted" "$(TMPDIR=$place status ./script.run -- -c true)"
+  [[ -z $refused ]] || grep -qF " $PWD/$refused " out || is "$place: told" "$refused" "$(cat out)"
+done <<END
+0 tree/own
+0 tree/sticky
+0 $PWD/tree/own/../own/below
+0 tree/open/below/link
+2 tree/open tree/open
+2 tree/open/below tree/open
+2 tree/group tree/group
+2 tree/group/below tree/group
+2 tree/other tree/other
+2 tree/other/below tree/other
+2 tree/sticky/below tree/sticky/below
+END
+is "left in TMPDIR" "" "$(find tree -name 'noticeboard.*')"
+
 is "no process left" "" "$(find /proc -maxdepth 2 -name cwd -lname "$TMPDIR/*" 2>/dev/null || true)"
 
 # Where programs cannot be run, it says what to do.

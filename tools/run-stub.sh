@@ -2,7 +2,9 @@
 # It unpacks to a private folder, runs the product there, brings back its log, and cleans up.
 # shellcheck shell=sh disable=SC2154,SC2317,SC2015 # three names stand above; traps call functions
 unset CDPATH
-start=$PWD work='' signal=''
+start=$PWD work='' inside='' signal=''
+# All that end a shell, but those that tell of a fault of its own.
+signals='HUP INT QUIT TRAP ABRT USR1 USR2 PIPE ALRM TERM XCPU XFSZ VTALRM PROF PWR SYS'
 case $0 in /*) file=$0 ;; *) file=$PWD/$0 ;; esac
 
 usage() {
@@ -39,7 +41,7 @@ number_old() {
 # is created under a name that nobody knows, exclusively, and named by calls that follow no link. A
 # log that finds no place stays beside the folder.
 bring_log() {
-  cd "$work/product" || return
+  cd product || return
   set --
   for part in 4 3 2 1 0 ''; do
     [ ! -f "$name.log$part" ] || set -- "$@" "$name.log$part"
@@ -49,7 +51,7 @@ bring_log() {
   new=$(mktemp -u "$log.XXXXXX")
   if [ ! -d "$start" ] || ! ( umask 077 && set -C && cat "$@" >"$new" ) 2>/dev/null; then
     [ ! -d "$start" ] || rm -f "$new"
-    mv "$@" "$work"
+    mv "$@" ..
     printf '%s\n' "$name: the log could not be put into $start" >&2
     return
   fi
@@ -61,25 +63,37 @@ bring_log() {
   printf '%s\n' "$name: the log is $new" >&2
 }
 
-# Only what was unpacked is removed: a product may have been installed beside it.
+# Only what was unpacked is removed: a product may have been installed beside it. What has the
+# folder's name by now may be another one, so this is done from within, where this shell still is.
+clean_up() {
+  chmod u+rwx .
+  [ ! -d product ] || [ -L product ] || ( bring_log )
+  rm -rf product 2>/dev/null || {
+    chmod -R u+rwx product
+    rm -rf product
+  }
+  # Not what this shell remembers: the folder may have been renamed, or be gone.
+  place=$(env pwd -P 2>/dev/null) && cd -P .. || return
+  rmdir "./${place##*/}" 2>/dev/null ||
+    printf '%s\n' "$name: kept in $place:" "$(ls -A "./${place##*/}")" >&2
+}
+
 leave() {
   status=$?
   trap - EXIT
-  trap '' HUP INT QUIT TERM
-  if [ -n "$work" ]; then
-    [ ! -d "$work/product" ] || bring_log
-    cd /
-    rm -rf "$work/product" 2>/dev/null || {
-      chmod -R u+rwx "$work/product"
-      rm -rf "$work/product"
-    }
-    rmdir "$work" 2>/dev/null || printf '%s\n' "$name: kept in $work:" "$(ls -A "$work")" >&2
+  # shellcheck disable=SC2086 # words
+  trap '' $signals
+  if [ -n "$inside" ]; then
+    clean_up
+  elif [ -n "$work" ]; then
+    rmdir "$work"
   fi
   if [ -n "$signal" ]; then
     # shellcheck disable=SC3045 # no core file of this shell where its limit can be set
     ulimit -c 0 2>/dev/null
     trap - "$signal"
     kill -s "$signal" $$
+    [ "$signal" != QUIT ] || status=131 # bash cannot be ended by this one
   fi
   exit "$status"
 }
@@ -95,10 +109,21 @@ unpack() {
   tail -n +$((lines + 3)) <"$file" | tar -xOf - ./product.tar.gz | gzip -dc | tar -xpof - -C "$1"
 }
 
+# safe DIRECTORY: nobody else can put another one in its place; if not, $unsafe says where. Who owns
+# the root directory counts as root does: in a name space of users that may be another number.
+safe() {
+  [ -z "$1" ] || safe "${1%/*}" || return
+  unsafe=${1:-/}
+  # shellcheck disable=SC2046 # two words
+  set -- $(stat -c '%u 0%a' -- "$unsafe")
+  case $1 in 0 | "$(id -u)" | "$(stat -c %u /)") ;; *) return 1 ;; esac
+  [ $(($2 & 022)) = 0 ] || [ $(($2 & 01000)) != 0 ]
+}
+
 # run ARGUMENT...: the product as a child that can be signalled, on the same standard input.
 run() {
   if ( : 3<&0 ) 2>/dev/null; then exec 3<&0; else exec 3</dev/null; fi
-  "./$name" "$@" <&3 3<&- &
+  ( cd product && exec "./$name" "$@" ) <&3 3<&- &
   while :; do
     wait $! && status=0 || status=$?
     kill -0 $! 2>/dev/null || exit "$status"
@@ -133,20 +158,25 @@ main() {
     set -- "$@" "$word"
   done
 
+  directory=$(cd -P -- "${TMPDIR:-/tmp}" && pwd -P) || fail "TMPDIR must name a directory"
+  safe "${directory%/}" ||
+    fail "$unsafe is another user's, or others can write to it; set TMPDIR to another directory"
   trap leave EXIT
-  for signal in HUP INT QUIT TERM; do
+  for signal in $signals; do
     # shellcheck disable=SC2064 # each with its own name
     trap "caught $signal" "$signal"
   done
   signal=''
-  directory=$(cd -- "${TMPDIR:-/tmp}" && pwd) || fail "TMPDIR must name a directory"
   # Not to be interrupted between the creation and the name of it.
-  work=$(trap '' HUP INT QUIT TERM; exec mktemp -d "${directory%/}/$name.XXXXXX") ||
+  # shellcheck disable=SC2086 # words
+  work=$(trap '' $signals; exec mktemp -d "${directory%/}/$name.XXXXXX") ||
     fail "cannot unpack in $directory; set TMPDIR to another directory"
+  cd -P "$work" && [ "$(pwd -P)" = "$work" ] || fail "$work was replaced"
+  inside=1
   # Not called after the product: many are installed beside their folder, under their name.
-  mkdir "$work/product" && cd "$work/product" && unpack . && chmod u+rwx . ||
+  mkdir product && unpack product && chmod u+rwx product ||
     fail "cannot unpack in $directory; set TMPDIR to another directory"
-  [ -x "./$name" ] ||
+  [ -x "product/$name" ] ||
     fail "no program can be run in $directory; set TMPDIR to a directory that allows it"
   run "$@"
 }
