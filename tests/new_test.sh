@@ -42,7 +42,25 @@ done <<END
 1 .
 1 ..
 END
-is "without a folder" 1 "$(status installer-new)"
+usage='usage: installer-new FOLDER'
+while IFS=: read -r wanted arguments line; do
+  read -ra words <<<"$arguments"
+  is "installer-new $arguments" "$wanted${line:+ installer-new:$line}" \
+    "$(status installer-new "${words[@]}")${line:+ $(cat out)}"
+done <<END
+1:: $usage
+1:one two: $usage
+1:-x: no option '-x'; $usage
+1:--x one: no option '--x'; $usage
+1:--: $usage
+0:-- made/behind:
+0:-h:
+0:--help:
+END
+is "--help" "Usage: ${usage#*: }" "$(tail -n 1 out)"
+(umask 077; installer-new private >/dev/null)
+is "closed to others" "700 700 644" \
+  "$(stat -c %a private private/private private/private.dat | paste -sd ' ')"
 is "in the working directory" 1 "$(cd link-to && status installer-new "$PWD"; rm -f out)"
 is "nothing half made" 0 "$(find . -name '*.??????' | wc -l)"
 

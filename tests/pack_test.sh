@@ -41,6 +41,14 @@ chmod 750 board/files/board/cgi
 
 # first TOOL ARGUMENT...: status and first line.
 first() { echo "$(status "$@") $(head -n 1 out)"; }
+usage='usage: installer-pack FOLDER [FILE.run]'
+is "--help" "0 Makes one self" "$(first installer-pack --help | cut -d - -f 1)"
+is "--help: usage" "Usage: ${usage#*: }" "$(tail -n 1 out)"
+is "-h" "$(cat out)" "$(installer-pack -h)"
+is "wrong option" "2 installer-pack: no option '-x'; $usage" "$(first installer-pack -x board)"
+is "nothing" "2 installer-pack: $usage" "$(first installer-pack)"
+is "too much" "2 installer-pack: $usage" "$(first installer-pack board a.run b)"
+is "behind --" "2 installer-pack: '-x' is no folder" "$(first installer-pack -- -x)"
 
 # The same folder gives the same file, wherever and by whomever.
 is "pack" 0 "$(status installer-pack board)"
@@ -154,6 +162,22 @@ done
 is "not from a pipe" 2 "$(status sh <noticeboard.run)"
 is "nothing ran" "" "$(find . -name noticeboard.log -o -name target)"
 nothing_left "damaged"
+
+# The log is for its user alone, begins with its oldest part, and stays where there is no place.
+# shellcheck disable=SC2016 # for the product
+is "parts" 0 "$(umask 022; status ./script.run -- \
+  -c 'for part in "" 0 1 2 3 4; do echo "part $part" >noticeboard.log$part; done')"
+is "in order" "part 4 part 3 part 2 part 1 part 0 part " "$(paste -sd ' ' noticeboard.log)"
+is "mode" 600 "$(stat -c %a noticeboard.log)"
+rm noticeboard.log
+is "no log" 0 "$(status ./script.run -- -c true)"
+is "none made" "" "$(find . -maxdepth 1 -name 'noticeboard.log*')"
+mkdir shut
+chmod 555 shut
+is "no place" "noticeboard: the log could not be put into $PWD/shut" \
+  "$(cd shut && ordinary ../script.run -- -c 'echo kept >noticeboard.log' 2>&1 | head -n 1)"
+is "kept" "kept noticeboard.log" "$(cat tmp/*/*) $(ls tmp/*)"
+rm -r tmp/*
 
 # By whatever shell it is run: the status is the signal's, the log is there, and the folder is gone,
 # be it hard to remove, but not what took its place.
