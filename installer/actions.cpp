@@ -395,10 +395,13 @@ void command_acts(Watched &x, const FileEvent &event) {
   }
 }
 
-void command_ends(Watched &x, int result) {
+/// True when anything of the command failed: whatever is behind it would be done on a lie, such as
+/// the file that says that all is there.
+bool command_ends(Watched &x, int result) {
   if (result != -1) ++x.run.outcome.commands;
-  if (result != 0 || x.told || x.may_find_nothing()) return;
-  x.fail({x.nothing.empty() ? "nothing was done" : "nothing matches", x.nothing, {}});
+  if (result == 0 && !x.told && !x.may_find_nothing())
+    x.fail({x.nothing.empty() ? "nothing was done" : "nothing matches", x.nothing, {}});
+  return x.told;
 }
 
 void run_script(Run &run, const Action &action) {
@@ -412,7 +415,7 @@ void run_script(Run &run, const Action &action) {
   const CopyWatch watch = {
       .begins = [&](std::uint32_t index) { command_begins(watched, index); },
       .event = [&](const FileEvent &event) { command_acts(watched, event); },
-      .ends = [&](std::uint32_t, int result) { command_ends(watched, result); },
+      .ends = [&](std::uint32_t, int result) { return command_ends(watched, result); },
   };
   if (run.strict) copy->watch = &watch;
   std::printf("%s", action.opener);

@@ -105,11 +105,12 @@ struct CopyCommand {
 [[nodiscard]] Operand source_operand(const CopyCommand &command);
 
 /// Who follows a run: `begins` is called before the first line about a command is logged, `event`
-/// for each thing that it does or fails to do, `ends` with its result. All three are set.
+/// for each thing that it does or fails to do, `ends` with its result. `ends` decides whether the
+/// run ends with this command (true). All three are set.
 struct CopyWatch {
   std::function<void(std::uint32_t index)> begins;
   FileSink event;
-  std::function<void(std::uint32_t index, int result)> ends;
+  std::function<bool(std::uint32_t index, int result)> ends;
 };
 
 /// A loaded section: the commands in file order, the store, and the watch, which may be null (not
@@ -175,7 +176,8 @@ void copy_processpaths(pCopy x, std::int32_t index);
 
 /// Runs all commands in order. `files` and `bytes` (either may be null) are set to 0 first; `files`
 /// grows by the result of each command, `bytes` by the bytes copied. With `stop_on_fail` the first
-/// failure ends the run. 1: went through; 0: stopped, or `x` is null.
+/// result of 0 ends the run; where there is a watch, that decides instead. 1: went through; 0:
+/// stopped, or `x` is null.
 [[nodiscard]] int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes,
                                int stop_on_fail);
 /// Runs one command. It runs when its control names no setting with a value; or, without a

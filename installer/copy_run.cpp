@@ -275,9 +275,17 @@ int run_told(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   dmsg("Processing [%d:%s->%s,%s,%s,%s]", static_cast<int>(x->list[index].type),
        or_empty(copy_src(x, index)), or_empty(copy_dst(x, index)), or_empty(copy_not(x, index)),
        or_empty(copy_control(x, index)), or_empty(copy_control_cmp(x, index)));
-  const int result = copy_do(x, index, bytes);
-  if (x->watch != nullptr) x->watch->ends(index, result);
-  return result;
+  return copy_do(x, index, bytes);
+}
+
+/// True, logged, when a command with that result is the last. What failed in part has a result as
+/// well; only a watch knows of it.
+bool stops(pCopy x, std::uint32_t index, int result, int stop_on_fail) {
+  const bool stop =
+      x->watch != nullptr ? x->watch->ends(index, result) : result == 0 && stop_on_fail != 0;
+  if (stop) imsg("Stop on fail set, stopping...");
+  else if (result == 0) imsg("Stop on fail NOT set, continuing...");
+  return stop;
 }
 
 } // namespace
@@ -289,12 +297,8 @@ int copy_process(pCopy x, std::uint64_t *files, std::uint64_t *bytes, int stop_o
   imsg("Processing copy script...");
   for (std::uint32_t index = 0; index < copy_count(x); ++index) {
     const int result = run_told(x, index, bytes);
-    if (result == 0 && stop_on_fail != 0) {
-      imsg("Stop on fail set, stopping...");
-      return 0;
-    }
-    if (result == 0) imsg("Stop on fail NOT set, continuing...");
-    else if (result != -1 && files != nullptr) *files += static_cast<std::uint64_t>(result);
+    if (result > 0 && files != nullptr) *files += static_cast<std::uint64_t>(result);
+    if (stops(x, index, result, stop_on_fail)) return 0;
   }
   imsg("Copy script completed successfully");
   return 1;

@@ -182,7 +182,8 @@ TEST_F(CopyRunTest, TellsAWatch) {
               told.insert(std::string{event.what} + " " + or_empty(event.path) +
                           (event.cause ? ": " : "") + (event.cause ? cause_text(event.cause) : ""));
             },
-        .ends = [&](std::uint32_t, int result) { told.insert("~ " + std::to_string(result)); }};
+        .ends = [&](std::uint32_t,
+                    int result) { return told.insert("~ " + std::to_string(result)), false; }};
     write_file("../script", "[run]\n" + command);
     const std::unique_ptr<copy, Release<copy_free>> x{copy_init(store.get())};
     EXPECT_EQ(copy_load(x.get(), "../script", "run"), 1);

@@ -179,6 +179,47 @@ TEST_P(CutShort, IsUndoneAndFinished) {
     }
 }
 
+/// True while "out" says so: `name` is the file that an install makes last or a removal takes last.
+static bool says(const char *name) {
+  if (!fs::exists("out")) return false;
+  for (const auto &entry : fs::recursive_directory_iterator{"out"})
+    if (entry.path().filename() == name) return true;
+  return false;
+}
+
+/// True when what is left by a strict run must be all that the action makes of it.
+static bool claims_all(Action action, int status) {
+  return status == 0 || (action == Install && says("installed")) ||
+         (action == Remove && !says("version"));
+}
+
+TEST_P(CutShort, NeverSaysInAStrictRunThatItIsDone) {
+  if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
+  fs::create_symlink(INSTALLER_PROGRAM, GetParam().name);
+  for (const Action action : {Install, Upgrade, Remove}) {
+    std::string command = "./" + GetParam().name + " -strict";
+    for (const std::string &argument : arguments_of(action)) command += " " + argument;
+    prepare(action), act(GetParam(), action);
+    const Tree complete = result(action);
+    for (const std::string row :
+         {"9 write:error=ENOSPC", "3 mkdirat:error=ENOSPC", "2 renameat:error=EACCES",
+          "3 unlinkat:error=EBUSY", "2 fchownat:error=EPERM", "3 getdents64:error=EIO"})
+      for (int when = 1;; when += row[0] - '0') {
+        const std::string at = row.substr(2) + ":when=" + std::to_string(when);
+        prepare(action);
+        const int status = run_injected(at, {}, command);
+        if (read_file("trace").find("(INJECTED)") == at.npos) break;
+        SCOPED_TRACE(at + " " + std::to_string(action) + " " + read_file("console"));
+        if (claims_all(action, status)) {
+          EXPECT_EQ(result(action), complete);
+          continue;
+        }
+        ASSERT_EQ(std::system((command + " >console 2>&1").c_str()), 0) << read_file("console");
+        EXPECT_EQ(result(action), complete);
+      }
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(, CutShort,
                          testing::Values(Product{"noticeboard", write_demo},
                                          Product{"notes", write_notes}),

@@ -80,6 +80,7 @@ static void expect(const Row &row) {
   std::istringstream lines{log.empty() ? "" : reasons};
   for (std::string line; std::getline(lines, line);)
     EXPECT_NE(log.find("Error: " + line + "\n"), log.npos) << log;
+  EXPECT_EQ(log.find("Copy script completed successfully") != log.npos, row.status == 0) << log;
 }
 
 static const std::string Go = "-automate -strict";
@@ -92,6 +93,11 @@ TEST(Strict, Begins) {
   expect({"-strict", "pkg.q", "[install]\nYN port - - h Port\n", 0, "", "1\nmaybe\ny\n\n"});
   expect({Go, "src/deep/p", "|", 1,
           "pkg: pkg.cpy:3: CopyDir: cannot read: src/deep/p: Operation not supported\n"});
+  expect({Go, "pkg.cpy", to + "MkDir out/a\nCopyDir src/* - $(current_dir)/out\nRmDir out -\n", 1,
+          "pkg: pkg.cpy:4: CopyDir: cannot write: PWD/out/a: Is a directory\n"});
+  expect({Go + " -special remove", "pkg.cpy",
+          "[remove]\nMkDir out/d\nRename out/d out/e/f\nRmDir out -\n", 1,
+          "pkg: pkg.cpy:3: Rename: cannot rename: out/d: No such file or directory\n"});
   expect({Go, "pkg.cpy", to + "WFile /dev/full port\n", 1,
           "pkg: pkg.cpy:3: WFile: cannot write: /dev/full" + full});
   expect({Go, "pkg.cpy", to + "#" + std::string(2000, '#') + "\nRmFile none -\n", 1,
@@ -101,7 +107,7 @@ TEST(Strict, Begins) {
   expect({Go + " -special remove", "pkg.cpy",
           "[remove]\nMkDir out\nRmFile none/x -\nRmDir none -\nRmDir src/* b\n", 0, ""});
   expect({Go + " -special remove", "pkg.cpy",
-          "[remove]\nMkDir out\nRmFile /proc/self/stat -\nExist a b\n", 1,
+          "[remove]\nMkDir out\nRmFile /proc/self/stat -\nRmDir out -\n", 1,
           "pkg: pkg.cpy:3: RmFile: cannot remove: /proc/self/stat: Operation not permitted\n"});
 }
 
@@ -150,6 +156,7 @@ TEST(Strict, DoesNotBegin) {
   expect({"-strict", {}, {}, 3, "", "4\n"});
   expect({"-strict", {}, {}, 3, ""});
   expect({"-strict", {}, {}, 3, "", "1\nq\n4\n"});
+  expect({"-strict -special w", {}, {}, 3, "", "q\n"});
   expect({"-strict", {}, {}, 3, "", "1\n82\n"});
 }
 

@@ -203,12 +203,12 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input,
   return outcome;
 }
 
-int run_injected(const std::string &inject, const std::string &path) {
+int run_injected(const std::string &inject, const std::string &path, const std::string &command) {
   ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // no leaks can be looked for under a tracer
   const std::string only = path.empty() ? "" : " -P " + path;
   return std::system(("timeout 60 strace -f -o trace" + only +
                       " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
-                      " " INSTALLER_PROGRAM " -automate >console 2>&1 </dev/null")
+                      " " + command + " >console 2>&1 </dev/null")
                          .c_str());
 }
 

@@ -83,9 +83,11 @@ struct Outcome {
 Outcome run(const std::vector<std::string> &arguments, const std::string &input = {},
             Via via = Via::Pipe, const Start &start = {});
 
-/// Runs the product "installer" unattended under strace with a fault, on calls that have to do with
-/// `path` if given; the status. The console and the calls are in the files "console" and "trace".
-int run_injected(const std::string &inject, const std::string &path = {});
+/// Runs the product "installer" unattended, or the command, under strace with a fault, on calls
+/// that have to do with `path` if given; the status. The console and the calls are in the files
+/// "console" and "trace".
+int run_injected(const std::string &inject, const std::string &path = {},
+                 const std::string &command = INSTALLER_PROGRAM " -automate");
 /// True where strace may trace.
 bool can_trace();
 /// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how
