@@ -95,9 +95,13 @@ Cause read_status(file &x, Cause &unread) {
   return {};
 }
 
-bool open_listing(xfilehandle &h, const char *path, const char *wild, const MissedSink &missed) {
+bool open_listing(xfilehandle &h, const char *path, const char *wild, const MissedSink &missed,
+                  Follow follow) {
   Cause cause;
-  Descriptor fd = open_directory(path, O_RDONLY, cause);
+  Descriptor fd;
+  if (follow == Follow::Trusted) fd = open_directory(path, O_RDONLY, cause);
+  else fd = Descriptor{::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  if (!fd && !cause) cause = last_cause();
   return take_listing(h, std::move(fd), cause, path, wild, missed);
 }
 
@@ -118,10 +122,10 @@ bool next_entry(file &x, xfilehandle &h, const MissedSink &missed) {
   return false;
 }
 
-Entries::Entries(const char *path, const char *wild, MissedSink missed)
+Entries::Entries(const char *path, const char *wild, MissedSink missed, Follow follow)
     : state_(std::make_unique<State>()) {
   state_->missed = std::move(missed);
-  if (open_listing(state_->handle, path, wild, state_->missed)) advance();
+  if (open_listing(state_->handle, path, wild, state_->missed, follow)) advance();
 }
 
 Entries::Entries(const file &directory, MissedSink missed) : state_(std::make_unique<State>()) {

@@ -54,6 +54,10 @@ struct Missed {
 };
 using MissedSink = std::function<void(const Missed &)>;
 
+/// Which links in a path that is named are followed: those that can be trusted, or, by who only
+/// looks, all.
+enum class Follow { Trusted, All };
+
 /// The deleter of a directory stream.
 struct CloseDir {
   void operator()(::DIR *handle) const noexcept { ::closedir(handle); }
@@ -76,7 +80,7 @@ using FHandle = xfilehandle *;
 /// Opens a directory by its path, or one that a listing delivered. False, handed to `missed`, when
 /// it cannot be opened.
 [[nodiscard]] bool open_listing(xfilehandle &h, const char *path, const char *wild,
-                                const MissedSink &missed);
+                                const MissedSink &missed, Follow follow = Follow::Trusted);
 [[nodiscard]] bool open_listing(xfilehandle &h, const file &directory, const MissedSink &missed);
 /// Puts the next matching entry, with its type, into `x`. "." and ".." never appear. False at the
 /// end, with `x` as it was.
@@ -90,7 +94,7 @@ using FHandle = xfilehandle *;
 ///     for (File entry : entries) ...       // the entry lasts until the next
 class Entries {
 public:
-  Entries(const char *path, const char *wild, MissedSink missed);
+  Entries(const char *path, const char *wild, MissedSink missed, Follow follow = Follow::Trusted);
   /// All entries of a directory that a listing delivered; it must not have become a link since.
   Entries(const file &directory, MissedSink missed);
   /// True while there is an entry.

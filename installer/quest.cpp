@@ -34,10 +34,12 @@ const char *accept_existing(const quest &entry, char *answer) {
 
 const char *accept_empty_directory(const quest & /*entry*/, char *answer) {
   bool incomplete = false;
-  const Entries entries{answer, "*", [&](const Missed &missed) {
+  const Entries entries{answer, "*",
+                        [&](const Missed &missed) {
                           incomplete = incomplete || !missed.opening;
                           file_missed(nullptr, missed, false);
-                        }};
+                        },
+                        Follow::All};
   if (!entries && !incomplete) {
     errno = 0;
     return answer;

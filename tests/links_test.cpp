@@ -2,6 +2,7 @@
 #include "installer/file.h"
 #include "installer/init.h"
 #include "installer/links.h"
+#include "installer/quest.h"
 #include "installer/replace.h"
 #include "tests/support.h"
 
@@ -182,6 +183,11 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   EXPECT_EQ(init_load(init.get(), "script"), 1);
   init_evaluate(init.get(), store.get());
   EXPECT_EQ(ini_value_name(store.get(), "stolen"), nullptr);
+  write_file("q", "[q]\nDirEmpty dir - - h t\n");
+  const std::unique_ptr<questions, Release<quest_free>> questions{quest_init(store.get())};
+  EXPECT_EQ(quest_load(questions.get(), "q", "q"), 1);
+  char answer[] = "tree/cur";
+  EXPECT_EQ(quest_answer(questions.get(), 0, answer), 0);
   const Tree before = read_tree("../safe");
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
