@@ -32,8 +32,16 @@ void call(FileCallback callback, const char *src, const char *dst, int mode, con
 
 // ---- Directories ----
 
+/// A link that cannot be followed is there all the same.
+bool is_there(const char *path) {
+  const Spot place = find_place(AT_FDCWD, path);
+  struct ::stat info = {};
+  return !place.cause && ::fstatat(place.at(), place.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 Cause make_level(Copying &c, const char *path) {
-  return make_level(c, find_spot(AT_FDCWD, path), path);
+  const Spot spot = find_spot(AT_FDCWD, path);
+  return spot.cause && is_there(path) ? Cause{EEXIST} : make_level(c, spot, path);
 }
 
 /// Where the first component of a path may end, behind a leading "/" or a drive.

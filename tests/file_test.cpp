@@ -183,6 +183,10 @@ TEST_F(FileTest, MakesAndRemovesDirectories) {
   for (const char *path : {"d//", "d", "far/file", "m/n\\o\\", "m/n/p", "m//q//"})
     EXPECT_EQ(file_mkdir(path, 1), 1);
   EXPECT_EQ(file_mkdir("e//", 0), 1);
+  for (const char *target : {"circle", "none/x"}) { // there, wherever it leads
+    fs::create_symlink(target, "circle");
+    EXPECT_EQ(file_mkdir("circle", 1) + fs::remove("circle"), 2) << target;
+  }
   EXPECT_EQ(take_calls(), "ok d 1; ok e 1; ok m 1; ok m//q 1; ok m/n 1; ok m/n/o 1; ok m/n/p 1; ");
   EXPECT_EQ(file_xcopy("d", "*", nullptr, "sl/", 1, nullptr) + fs::remove("m/q"), 2);
   EXPECT_EQ(take_calls(), "ok sl 1; ");

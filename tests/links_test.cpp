@@ -183,6 +183,8 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   EXPECT_EQ(init_load(init.get(), "script"), 1);
   init_evaluate(init.get(), store.get());
   EXPECT_EQ(ini_value_name(store.get(), "stolen"), nullptr);
+  for (const char *path : {"cur", "gone"}) // nothing is made where something is
+    EXPECT_TRUE(works("MkDir tree/" + std::string{path}) && !fs::exists("../safe/new")) << path;
   write_file("q", "[q]\nDirEmpty dir - - h t\n");
   const std::unique_ptr<questions, Release<quest_free>> questions{quest_init(store.get())};
   EXPECT_EQ(quest_load(questions.get(), "q", "q"), 1);
