@@ -131,7 +131,10 @@ Step handle_exist(Pass &pass) {
   const bool exists = fits && file_exist(temp, &cause) != 0;
   if (cause.number == ENAMETOOLONG) emsg_cause(cause, "Failed to test (%s)", text);
   set_setting(pass, exists ? "true" : "false");
-  return Step::Next;
+  if (!cause || is_absence(cause) || !pass.run.strict) return Step::Next;
+  count_fault(pass.run, {pass.file, pass.quest->list[pass.index].line, "Exist"},
+              {"cannot test", fits ? temp : text, cause});
+  return Step::Fail;
 }
 
 Step handle_copy(Pass &pass) {

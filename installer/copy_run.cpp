@@ -363,12 +363,17 @@ int copy_chown(pCopy x, std::uint32_t index) {
   char *colon = std::strchr(owner, ':');
   const char *group = colon != nullptr ? colon + 1 : owner;
   if (colon != nullptr) *colon = '\0';
-  const ::uid_t uid = file_getuid(owner);
+  Cause no_user;
+  Cause no_group;
+  const ::uid_t uid = file_getuid(owner, &no_user);
   dmsg("Found user id for '%s'=%d", owner, static_cast<int>(uid));
-  const ::gid_t gid = file_getgid(group);
+  const ::gid_t gid = file_getgid(group, &no_group);
   dmsg("Found group id for '%s'=%d", group, static_cast<int>(gid));
   if (uid == static_cast<::uid_t>(-1))
-    file_event(sink_of(x), {FileResult::Failed, "no such user", owner, {}});
+    file_event(sink_of(x), {FileResult::Failed, "no such user", owner, no_user});
+  // Only a group that was not named may be missing.
+  else if (gid == static_cast<::gid_t>(-1) && (colon != nullptr || no_group))
+    file_event(sink_of(x), {FileResult::Failed, "no such group", group, no_group});
   return change_owners(source.path.c_str(), source.file.c_str(), copy_not(x, index), sink_of(x),
                        uid, gid);
 }
@@ -434,6 +439,8 @@ int copy_exist(pCopy x, std::uint32_t index) {
   const char *found = file_exist(path, &cause) != 0 ? "true" : "false";
   if (cause.number == ENAMETOOLONG)
     file_failure(sink_of(x), "cannot test", path, cause, "Failed to test (%s)", path);
+  else if (cause && !is_absence(cause))
+    file_event(sink_of(x), {FileResult::Failed, "cannot test", path, cause});
   ini_add_name(x->ini, copy_dst(x, index), found);
   return 1;
 }

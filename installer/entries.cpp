@@ -48,7 +48,7 @@ const char *next_name(xfilehandle &h, ::mode_t &type, const MissedSink &missed) 
   return nullptr;
 }
 
-/// Fills `x` from the entry `name`. False: it is not there (any more) or its path does not fit.
+/// Fills `x` from the entry `name`. False: it is not there (any more), or it is missed.
 bool take_entry(file &x, xfilehandle &h, const char *name, ::mode_t type,
                 const MissedSink &missed) {
   file found;
@@ -56,6 +56,7 @@ bool take_entry(file &x, xfilehandle &h, const char *name, ::mode_t type,
   found.info.st_mode = type;
   if (type == 0 && ::fstatat(found.dir, name, &found.info, AT_SYMLINK_NOFOLLOW) != 0) {
     h.cause = last_cause();
+    if (!is_absence(h.cause)) missed({h.path.c_str(), name, false, h.cause, true});
     return false;
   }
   if (join_path(found.name, sizeof found.name, h.path.c_str(), name) == 0) {

@@ -45,12 +45,13 @@ using File = file *;
 [[nodiscard]] Cause read_status(file &x, Cause &unread);
 
 /// What a walk could not deliver: the directory itself (`opening`), the rest of it (no `name`), or
-/// the entry `name`, whose path does not fit.
+/// the entry `name`, whose path does not fit or (`unread`) whose status cannot be read.
 struct Missed {
   const char *path;
   const char *name;
   bool opening;
   Cause cause;
+  bool unread = false;
 };
 using MissedSink = std::function<void(const Missed &)>;
 

@@ -44,6 +44,15 @@ Cause make_level(Copying &c, const char *path) {
   return spot.cause && is_there(path) ? Cause{EEXIST} : make_level(c, spot, path);
 }
 
+/// Tells the sink when what is there is no directory and leads to none.
+void judge_existing(const Copying &c, const char *path) {
+  if (c.sink == nullptr) return;
+  const Spot spot = find_spot(AT_FDCWD, path);
+  if (!spot.cause && spot.exists() && S_ISDIR(spot.info.st_mode)) return;
+  file_event(c.sink, {FileResult::Failed, "cannot create directory", path,
+                      spot.cause ? spot.cause : Cause{EEXIST}});
+}
+
 /// Where the first component of a path may end, behind a leading "/" or a drive.
 std::size_t first_end(const std::string &path) {
   return std::min<std::size_t>(path.size(), path.size() > 1 && path[1] == ':' ? 3 : 1);
@@ -177,6 +186,16 @@ Cause change_owner(int dir, const char *name, ::uid_t uid, ::gid_t gid, int foll
   return ::fchownat(held.fd.get(), "", uid, gid, AT_EMPTY_PATH) == 0 ? Cause{} : last_cause();
 }
 
+/// What a look-up that found nothing may leave in errno when it could not be made. It leaves other
+/// numbers there by chance.
+constexpr int lookup_errors[] = {EACCES, EINTR, EIO, EMFILE, ENFILE, ENOMEM, ERANGE};
+
+void explain_lookup(Cause *cause) {
+  const int *end = std::end(lookup_errors);
+  if (cause != nullptr && std::find(std::begin(lookup_errors), end, errno) != end)
+    *cause = last_cause();
+}
+
 bool is_root(const struct ::stat &info) {
   struct ::stat root = {};
   return ::stat("/", &root) == 0 && same_inode(info, root);
@@ -233,6 +252,7 @@ int make_directory(Copying &c, const std::string &path, bool make_all) {
     cause = make_level(c, path.c_str());
     if (cause.number == ENOENT && above) cause = above;
   }
+  if (cause.number == EEXIST) judge_existing(c, path.c_str());
   if (!cause || cause.number == EEXIST) return 1;
   report_directory(c, path.c_str(), cause);
   // Something was created even where only some of the parents were, but not without a word.
@@ -291,6 +311,12 @@ int file_failure(const FileSink *sink, const char *what, const char *path, const
 void file_missed(const FileSink *sink, const Missed &missed, bool fails) {
   const char *const dir = missed.path;
   const char *const path = missed.name != nullptr ? missed.name : dir;
+  if (missed.unread) {
+    const std::string whole =
+        std::string{dir} + (*dir != '\0' && dir[std::strlen(dir) - 1] == Sep ? "" : "/") + path;
+    return file_event(sink,
+                      {FileResult::Failed, "cannot read the status", whole.c_str(), missed.cause});
+  }
   if (missed.opening)
     file_failure(sink, "cannot list", path, missed.cause, "Error opening dir '%s'", dir);
   else if (missed.name == nullptr)
@@ -386,13 +412,17 @@ int file_remove_entry(const file &entry, const FileSink *sink) {
   return removed.count;
 }
 
-::uid_t file_getuid(const char *name) {
+::uid_t file_getuid(const char *name, Cause *cause) {
+  errno = 0;
   const struct ::passwd *user = name ? ::getpwnam(name) : nullptr;
+  if (user == nullptr) explain_lookup(cause);
   return user ? user->pw_uid : static_cast<::uid_t>(-1);
 }
 
-::gid_t file_getgid(const char *name) {
+::gid_t file_getgid(const char *name, Cause *cause) {
+  errno = 0;
   const struct ::group *group = name ? ::getgrnam(name) : nullptr;
+  if (group == nullptr) explain_lookup(cause);
   return group ? group->gr_gid : static_cast<::gid_t>(-1);
 }
 

@@ -71,7 +71,7 @@ void file_event(const FileSink *sink, const FileEvent &event);
                                                const char *path, const Cause &cause,
                                                const char *line, ...);
 /// file_failure for what a walk could not deliver. `fails`: it is a failed copy, and `xfail` is
-/// called.
+/// called. An entry without status goes to the sink alone.
 void file_missed(const FileSink *sink, const Missed &missed, bool fails);
 /// The sink of a walk that only logs.
 [[nodiscard]] MissedSink log_missed();
@@ -154,8 +154,9 @@ int file_xcopy_entry(Copying &copying, const file &entry, const Target &into);
 [[nodiscard]] int file_exist(const char *file, Cause *cause = nullptr);
 /// Creates `dir` (mode 0775) and, with `make_all`, its missing parents; each level created is
 /// logged and passed to `xok`. Trailing separators are ignored. 1: something was created or `dir`
-/// exists (whatever it is); 0: failed. A `dir` that could not be created is logged and passed to
-/// `xfail`, also when its parents were and the result is 1.
+/// exists (whatever it is, though what leads to no directory is a failure for the sink); 0: failed.
+/// A `dir` that could not be created is logged and passed to `xfail`, also when its parents were
+/// and the result is 1.
 [[nodiscard]] int file_mkdir(const char *dir, int make_all, const FileSink *sink = nullptr);
 /// Removes `dir` and, with `recurse`, first everything below it whose name does not match the list
 /// `exclude` (with case). Links are removed, not followed. The number of items removed; what cannot
@@ -167,9 +168,9 @@ int file_rmdir_entry(const file &entry, const char *exclude, const FileSink *sin
 [[nodiscard]] int file_remove_entry(const file &entry, const FileSink *sink = nullptr);
 
 /// The numeric id of a user or group, -1 (all bits set) when there is none of that name. Every
-/// other value is a number.
-[[nodiscard]] ::uid_t file_getuid(const char *name);
-[[nodiscard]] ::gid_t file_getgid(const char *name);
+/// other value is a number. `cause` (may be null) receives why the system could not look it up.
+[[nodiscard]] ::uid_t file_getuid(const char *name, Cause *cause = nullptr);
+[[nodiscard]] ::gid_t file_getgid(const char *name, Cause *cause = nullptr);
 /// Sets the permission bits. Follows a trusted link, though never to the root directory; what a
 /// listing did not call a link is not followed. 1; 0 for null or (logged) on failure.
 [[nodiscard]] int file_chmod(File x, ::mode_t mode, const FileSink *sink = nullptr);

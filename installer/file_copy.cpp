@@ -157,6 +157,7 @@ bool make_target(Copying &c, const file &x, const Target &into, const char *path
   if (!spot.exists()) count = copy_empty(c, spot, path);
   if (!spot.exists() && count == 0) return false;
   target = enter(path, spot);
+  if (target.cause) file_event(c.sink, {FileResult::Failed, "cannot enter", path, target.cause});
   return true;
 }
 

@@ -21,8 +21,9 @@ void set_setting(Ini ini, const std::string &setting, const char *value) {
 
 /// A path that does not fit arrives empty: nothing is there.
 Cause run_exist(Ini ini, const init_item &item, const char *path) {
-  set_setting(ini, item.b, file_exist(path) != 0 ? "true" : "false");
-  return {};
+  Cause cause;
+  set_setting(ini, item.b, file_exist(path, &cause) != 0 ? "true" : "false");
+  return is_absence(cause) ? Cause{} : cause;
 }
 
 Cause run_copy(Ini ini, const init_item &item, const char * /*path*/) {
@@ -156,8 +157,11 @@ void run_item(const init_s &script, const init_item &item, Ini ini, const Faults
     faults(failed(script, item, *command, item.a.c_str(), last_cause()));
     if (item.mode != IExist) return;
   }
-  if (const Cause cause = command->run(ini, item, path))
-    faults(failed(script, item, *command, path, cause));
+  const Cause cause = command->run(ini, item, path);
+  if (!cause) return;
+  Fault fault = failed(script, item, *command, path, cause);
+  if (item.mode == IExist) fault.severity = Severity::Remark; // it has said "false"
+  faults(fault);
 }
 
 } // namespace

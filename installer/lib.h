@@ -65,6 +65,10 @@ struct Cause {
 [[nodiscard]] inline Cause last_cause() { return {errno}; }
 /// The text of the cause (C's strerror for a number without words). Lasts until the next call.
 [[nodiscard]] const char *cause_text(const Cause &cause);
+/// True for the cause of what cannot be reached because it is not there.
+[[nodiscard]] inline bool is_absence(const Cause &cause) {
+  return cause.number == ENOENT || cause.number == ENOTDIR;
+}
 /// A text holds no zero byte: what comes behind one would be lost.
 inline constexpr Cause ZeroByte = {EILSEQ, "it holds a zero byte"};
 

@@ -18,7 +18,7 @@ bool is_look(const Fault &fault) {
 /// True for faults after which a strict run does not begin: a line that is dropped is one, although
 /// the program says nothing of it.
 bool counts(const Fault &fault) {
-  if (fault.kind == FaultKind::Failed && is_look(fault)) return false;
+  if (fault.kind == FaultKind::Failed) return !is_look(fault);
   return fault.severity == Severity::Error || fault.kind == FaultKind::MissingWord;
 }
 
@@ -48,8 +48,6 @@ const char *status_words(Status status) {
 }
 
 } // namespace
-
-bool is_absence(const Cause &cause) { return cause.number == ENOENT || cause.number == ENOTDIR; }
 
 void give_reason(const Where &where, const Failure &failure) {
   const std::string line = reason_line(where, failure);

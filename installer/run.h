@@ -60,8 +60,6 @@ struct Where {
   std::string keyword = {};
 };
 
-/// True for the cause of what cannot be reached because it is not there.
-[[nodiscard]] bool is_absence(const Cause &cause);
 /// Writes "NAME: FILE:LINE: KEYWORD: what: path: reason" without what is empty, on standard error
 /// and as an error into the log.
 void give_reason(const Where &where, const Failure &failure);

@@ -110,6 +110,26 @@ TEST_F(FileTest, NeverCutsPaths) {
   EXPECT_TRUE(take_errors().ends_with(", File name too long\n"));
 }
 
+TEST_F(FileTest, TellsOfWhatHasNoStatus) {
+  write_file("d/x", "");
+  fs::permissions("d", fs::perms{0444}); // to be listed, not entered
+  fs::permissions(".", fs::perms{0755});
+  const ::uid_t user = ::geteuid();
+  EXPECT_TRUE(user != 0 || ::seteuid(65534) == 0);
+  std::string told;
+  const FileSink sink = [&](const FileEvent &event) {
+    told += std::string{event.what} + " " + event.path + ", " + cause_text(event.cause) + "; ";
+  };
+  for (const char *wild : {"x", "*"}) {
+    const Entries entries{"d", wild,
+                          [&](const Missed &missed) { file_missed(&sink, missed, true); }};
+    EXPECT_EQ(static_cast<bool>(entries), *wild == '*'); // that one is listed with its type
+  }
+  EXPECT_EQ(told + take_errors() + take_calls(), "cannot read the status d/x, Permission denied; ");
+  EXPECT_EQ(::seteuid(user), 0);
+  fs::permissions("d", fs::perms{0755});
+}
+
 TEST_F(FileTest, CopyIntoItselfEnds) {
   for (const std::string into : {"t/x/y", "t/b/c", "link/c"}) {
     const TempDir inner;

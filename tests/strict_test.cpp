@@ -29,6 +29,7 @@ static void write_product() {
   write_file("blurb.txt", "Bye\n");
   write_file("src/deep/b", "2");
   write_file("src/a", "1");
+  fs::create_symlink("loop", "loop");
 }
 
 static void catch_errors() { ::dup2(::open("errors", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2); }
@@ -109,6 +110,31 @@ TEST(Strict, Begins) {
   expect({Go + " -special remove", "pkg.cpy",
           "[remove]\nMkDir out\nRmFile /proc/self/stat -\nRmDir out -\n", 1,
           "pkg: pkg.cpy:3: RmFile: cannot remove: /proc/self/stat: Operation not permitted\n"});
+}
+
+/// What is a failure in strict runs only.
+TEST(Strict, BelievesNothingThatCannotBeKnown) {
+  const std::string to = "[install]\nMkDir out\n", script = "pkg: pkg.cpy:3: ";
+  const std::string circle = "loop: Too many levels of symbolic links\n";
+  expect({Go, "pkg.cpy", to + "Chown src/none - root:no-group\n", 1,
+          script + "Chown: no such group: no-group\n"});
+  expect({Go, "pkg.cpy", to + "Exist loop a\n", 1, script + "Exist: cannot test: " + circle});
+  expect({Go, "pkg.cpy", to + "MkDir ./loop/\n", 1,
+          script + "MkDir: cannot create directory: ./" + circle});
+  expect({Go, "pkg.cpy", to + "MkDir src/a\n", 1,
+          script + "MkDir: cannot create directory: src/a: File exists\n"});
+  expect({Go, "pkg.cpy", to + "MkDir src/e\nWFile out/e port\nCopyDir src/e - ./out\n", 1,
+          "pkg: pkg.cpy:5: CopyDir: cannot enter: ./out/e: Not a directory\n"});
+  expect({Go, "pkg.int", "Exist loop a - -\n", 2, "pkg: pkg.int:1: Exist: cannot test: " + circle});
+  expect(
+      {Go, "pkg.q", "[install]\nExist loop e\n", 2, "pkg: pkg.q:2: Exist: cannot test: " + circle});
+  const TempDir dir;
+  write_product();
+  write_file("pkg.int", "Exist loop a - -\n");
+  write_file("pkg.q", "[install]\nExist loop e\n");
+  write_file("pkg.cpy", "[install]\nExist loop a\nMkDir loop\nMkDir src/a\nMkDir out\n");
+  EXPECT_NE(run_with("-automate").console.find("Success 0 bytes in 4 files"), std::string::npos);
+  EXPECT_EQ(read_log("pkg.log").find("Error"), std::string::npos) << read_log("pkg.log");
 }
 
 TEST(Strict, DoesNotBegin) {
