@@ -86,7 +86,8 @@ Faults fault_sink(Run &run) {
 Faults telling_sink(Run &run) {
   return [sink = fault_sink(run)](const Fault &fault) {
     sink(fault);
-    if (fault.kind == FaultKind::Binary) std::printf("Error: %s\n", fault.text.c_str());
+    const bool lost = fault.severity == Severity::Error && fault.kind == FaultKind::Binary;
+    if (lost) std::printf("Error: %s\n", fault.text.c_str());
   };
 }
 

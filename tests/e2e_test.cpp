@@ -247,6 +247,7 @@ struct Small : testing::TestWithParam<Via> {
 
 TEST_P(Small, Dialogues) {
   const Text zero_byte = std::string{"[install]\nText\0\n", 16};
+  const Text early = std::string{"a\0\n[install]\n", 13};
   const char *two = "[install]\nText a - - h A\nText b - - h B\n";
   // The menu.
   expect("@banner@choose{abc}\n@no@choose{0}\n@no@choose{6}\n@no@choose{ 4 }\n@exit", "");
@@ -291,6 +292,8 @@ TEST_P(Small, Dialogues) {
   expect("@1Error: Error reading '@q', @zero\n@bye@exit", "", "pkg.q", zero_byte);
   expect("@1A []? {x}\n@review{}\nError: Error reading '@cpy', @zero\n@bye@exit", "", "pkg.cpy",
          zero_byte);
+  expect("@auto@done@bye", "x", "pkg.cpy", *early + "WFile out x\n");
+  expect("@auto@done@bye", "a", "pkg.q", early);
   expect("@auto@bye", "", "pkg.cpy");
   expect("@autoCopying files[]\nFailed, Not P@bye", "", "pkg.cpy",
          "[install]\nError e Not $(product)\nWFile out x");
