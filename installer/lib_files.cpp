@@ -39,9 +39,12 @@ bool hung_up(std::FILE *in) {
 }
 
 int next_character(std::FILE *in) {
-  int c = EOF;
-  do c = ::getc_unlocked(in);
-  while (c == EOF && wait_for_input(in));
+  const int before = errno;
+  int c = ::getc_unlocked(in);
+  while (c == EOF && wait_for_input(in)) {
+    errno = before; // a wait that worked is no reason of what is said about the reply
+    c = ::getc_unlocked(in);
+  }
   return c;
 }
 

@@ -312,8 +312,8 @@ static void hang_up() {
 }
 
 TEST_P(Small, InputThatFails) {
-  expect("@1A []? {x}\n@review{}\n@done@bye@exit", "x", {}, {}, {},
-         {.prepare = make_input_impatient});
+  expect("@1A []? {}\nError: You must enter an answer@againA []? {x}\n@review{}\n@done@bye@exit",
+         "x", {}, {}, {}, {.prepare = make_input_impatient});
   for (const auto prepare : {make_input_fail, hang_up}) {
     const Start failing = {.prepare = prepare};
     expect("@banner@choose@exit", "", {}, {}, {}, failing);
