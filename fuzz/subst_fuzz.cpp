@@ -67,7 +67,9 @@ void fuzz(const std::string &input, Ini ini) {
   for (std::size_t i = 0; i < settings.size(); ++i) stay.push_back(endless(settings, i, 6));
   for (std::int32_t i = 0; i < ini->items; ++i) {
     std::string &value = *settings[static_cast<std::size_t>(i)].dflt;
-    for (int count = 0; count < 1000 && rewrite(settings, stay, value); ++count) continue;
+    int count = 0;
+    while (count < 1000 && rewrite(settings, stay, value)) ++count;
+    if (count == 1000) return; // where a circle of names made of several values stays is not said
     check(value == ini_value(ini, i));
   }
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace installer {
 
@@ -136,45 +137,49 @@ std::int32_t referred(Ini x, const Reference &reference) {
   return reference.closed && fits ? find_in(x->folded_index, reference.name) : -1;
 }
 
-/// The settings whose references cannot be followed to their end. Built by a walk in depth that
-/// keeps its own stack, for there may be as many settings in a row as the file has lines.
-class Endless {
+/// Where the references of the stored values lead, before any is replaced. Found by a walk in depth
+/// that keeps its own stack, for there may be as many settings in a row as the file has lines.
+class Paths {
 public:
-  explicit Endless(Ini x) : x_(x), depth_(at(x->items), Unknown) {
+  explicit Paths(Ini x) : x_(x), known_(at(x->items), Known::Nothing) {
     for (std::int32_t i = 0; i < x->items; ++i) walk(i);
   }
-  /// True when references to the setting stay as they are.
-  [[nodiscard]] bool contains(std::int32_t index) const { return depth_[at(index)] > MostRewrites; }
+  /// True when references to the setting stay as they are: it leads into a circle.
+  [[nodiscard]] bool endless(std::int32_t index) const {
+    return known_[at(index)] == Known::Endless;
+  }
+  /// All settings, each behind those that it refers to, but for circles.
+  [[nodiscard]] const std::vector<std::int32_t> &order() const { return order_; }
 
 private:
-  static constexpr int Unknown = -1, Open = -2, Never = MostRewrites + 1;
+  enum class Known { Nothing, Open, Ends, Endless };
   struct Step {
     std::int32_t index;
     const char *upto;
+    Known found = Known::Ends;
   };
 
   void push(std::int32_t index) {
-    depth_[at(index)] = Open;
-    depths_.push_back(0);
-    const char *value = replacement(x_, index);
-    steps_.push_back({index, or_empty(value)});
-  }
-  void count(int depth) { depths_.back() = std::min(std::max(depths_.back(), depth + 1), Never); }
-  void pop() {
-    const int depth = depths_.back();
-    depth_[at(steps_.back().index)] = depth;
-    steps_.pop_back();
-    depths_.pop_back();
-    if (!depths_.empty()) count(depth);
+    known_[at(index)] = Known::Open;
+    steps_.push_back({index, or_empty(replacement(x_, index))});
   }
   /// A setting that is met while it is open is part of a circle, and so is all between.
+  void add(Known found) {
+    if (found != Known::Ends) steps_.back().found = Known::Endless;
+  }
+  void pop() {
+    const Step step = steps_.back();
+    known_[at(step.index)] = step.found;
+    order_.push_back(step.index);
+    steps_.pop_back();
+    if (!steps_.empty()) add(step.found);
+  }
   void visit(std::int32_t index) {
-    const int known = depth_[at(index)];
-    if (known == Unknown) push(index);
-    else count(known == Open ? Never : known);
+    if (known_[at(index)] == Known::Nothing) push(index);
+    else add(known_[at(index)]);
   }
   void walk(std::int32_t first) {
-    if (depth_[at(first)] == Unknown) push(first);
+    if (known_[at(first)] == Known::Nothing) push(first);
     while (!steps_.empty()) {
       const char *opener = std::strstr(steps_.back().upto, Opener);
       if (opener == nullptr) {
@@ -188,22 +193,22 @@ private:
   }
 
   Ini x_;
-  std::vector<int> depth_; // the longest way over other settings; above the limit: endless
+  std::vector<Known> known_;
+  std::vector<std::int32_t> order_;
   std::vector<Step> steps_;
-  std::vector<int> depths_;
 };
 
 enum class Rewrite { Done, Changed, Stuck };
 
 /// Replaces the first reference in `value` that can be resolved, everywhere it stands.
-Rewrite rewrite_once(Ini x, const Endless &endless, std::string &value) {
+Rewrite rewrite_once(Ini x, const Paths &paths, std::string &value) {
   Rewrite outcome = Rewrite::Done;
   const char *upto = value.c_str();
   while ((upto = std::strstr(upto, Opener)) != nullptr) {
     const Reference reference = read_reference(upto++);
     const std::int32_t index = referred(x, reference);
     if (index < 0) continue;
-    if (endless.contains(index)) {
+    if (paths.endless(index)) {
       outcome = Rewrite::Stuck;
       continue;
     }
@@ -219,21 +224,58 @@ Rewrite rewrite_once(Ini x, const Endless &endless, std::string &value) {
   return outcome;
 }
 
-void resolve(Ini x, const Endless &endless, std::int32_t index, std::string &value,
-             const Faults &faults) {
-  Rewrite outcome = Rewrite::Changed;
-  for (int count = 0; outcome == Rewrite::Changed; ++count)
-    outcome = count < MostRewrites ? rewrite_once(x, endless, value) : Rewrite::Stuck;
-  if (outcome != Rewrite::Stuck) return;
-  const SettingList &entry = x->list[at(index)];
-  faults({Severity::Error,
-          FaultKind::Circle,
-          {},
-          entry.line,
-          "Setting '" + *entry.setting + "' is not resolved any further, its value stays '" +
-              value + "'",
-          *entry.setting});
-}
+/// Resolves every stored value, in the order of the table. One that takes too many steps waits for
+/// all others, which are then resolved before those that refer to them: so a row of settings takes
+/// as many steps as it is long, however it stands in the table.
+class Resolver {
+public:
+  Resolver(Ini x, const Faults &faults)
+      : x_(x), faults_(faults), paths_(x), begun_(at(x->items), false) {}
+
+  void resolve(std::int32_t index) {
+    if (begun_[at(index)]) return;
+    begun_[at(index)] = true;
+    for (auto *value = x_->data->slot(index)->values->root->next; value != nullptr;
+         value = value->next)
+      resolve(index, *value->data);
+  }
+
+private:
+  void resolve_all() {
+    if (std::exchange(ordered_, true)) return;
+    for (const std::int32_t index : paths_.order()) resolve(index);
+  }
+
+  Rewrite rewrite(std::string &value) {
+    Rewrite outcome = Rewrite::Changed;
+    for (int count = 0; outcome == Rewrite::Changed && count < MostRewrites; ++count)
+      outcome = rewrite_once(x_, paths_, value);
+    return outcome;
+  }
+
+  void resolve(std::int32_t index, std::string &value) {
+    Rewrite outcome = rewrite(value);
+    if (outcome == Rewrite::Changed) {
+      resolve_all();
+      outcome = rewrite(value);
+    }
+    if (outcome == Rewrite::Done) return;
+    const SettingList &entry = x_->list[at(index)];
+    faults_({Severity::Error,
+             FaultKind::Circle,
+             {},
+             entry.line,
+             "Setting '" + *entry.setting + "' is not resolved any further, its value stays '" +
+                 value + "'",
+             *entry.setting});
+  }
+
+  Ini x_;
+  const Faults &faults_;
+  Paths paths_;
+  std::vector<bool> begun_;
+  bool ordered_ = false;
+};
 
 } // namespace
 
@@ -326,11 +368,8 @@ int ini_replace_path(Ini x, const char *string, char *result, std::size_t bfsz) 
 int ini_process(Ini x, const Faults &faults) {
   if (x == nullptr || x->list.empty()) return 0;
   dmsg("Processing replacable settings...");
-  const Endless endless{x};
-  for (std::int32_t i = 0; i < x->items; ++i) {
-    for (auto *value = x->data->slot(i)->values->root->next; value != nullptr; value = value->next)
-      resolve(x, endless, i, *value->data, faults);
-  }
+  Resolver resolver{x, faults};
+  for (std::int32_t i = 0; i < x->items; ++i) resolver.resolve(i);
   dmsg("Finished processing replacable settings");
   return 1;
 }

@@ -150,9 +150,9 @@ void ini_replace(Ini x, const char *string, char *result, std::size_t bfsz);
 /// Rewrites the stored values: each reference to a setting (compared without case) is replaced by
 /// its value if it has `Ini_Replace`, else by nothing, and the value is examined again from its
 /// start. Unknown and unclosed references stay. Values are cut at 999 characters. References that
-/// lead into a circle, or over more than 1000 settings, stay as well, with a fault for each value
-/// that holds one; so does what still changes after 1000 rewrites. 1; 0 when `x` or its table is
-/// null.
+/// lead into a circle stay as well, with a fault for each value that holds one; so does what still
+/// changes after 1000 rewrites although all that it refers to has been resolved: names made of
+/// several values can lead in circles too. 1; 0 when `x` or its table is null.
 int ini_process(Ini x, const Faults &faults = log_fault);
 
 } // namespace installer

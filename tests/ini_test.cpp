@@ -70,14 +70,18 @@ TEST(Substitution, EndsInLongRowsAndCircles) {
   std::vector<std::string> settings;
   for (int i = 0; i < 20000; ++i)
     settings.push_back(std::to_string(i) + "=$(" + std::to_string((i + 1) % 20000) + ")");
-  for (int i = 0; i < 300; ++i)
+  for (int i = 0; i < 20000; ++i) { // resolved from the end, and from the beginning
     settings.push_back("r" + std::to_string(i) + "=$(R" + std::to_string(i + 1) + ")");
-  settings.emplace_back("r300=end");
+    settings.push_back("f" + std::to_string(i + 1) + "=$(f" + std::to_string(i) + ")");
+  }
+  settings.insert(settings.end(), {"r20000=end", "f0=start", "sign=$", "late=$(sign)(late)x"});
   const Store x = make_store(settings);
   int faults = 0;
   EXPECT_EQ(ini_process(x.get(), [&faults](const Fault &) { ++faults; }), 1);
-  EXPECT_EQ(faults, 20000);
-  EXPECT_STREQ(ini_value_name(x.get(), "r0"), "end");
+  EXPECT_EQ(faults, 20001); // the circle, and "late"
+  for (const char *name : {"r0", "r1", "r19999"})
+    EXPECT_STREQ(ini_value_name(x.get(), name), "end") << name;
+  EXPECT_STREQ(ini_value_name(x.get(), "f20000"), "start");
   EXPECT_STREQ(ini_value_name(x.get(), "0"), "$(1)");
 }
 
