@@ -94,21 +94,29 @@ TEST_F(Demo, WholeLifeUnattended) {
   const bool root = ::geteuid() == 0; // who alone can give the notices away
   const std::string presets = root ? "change_owner yes\nadmin me@b.org\n" : "admin me@b.org\n";
   words["@bytes"] = size_of(tree);
-  words["@files"] = root ? "37" : "33";
+  words["@files"] = root ? "43" : "39";
   words["@here"] = fs::current_path();
   converse(Via::Pipe, Automate, presets, R"(@menu[Install]
-Copying files[....................]
+Copying files[.....................]
 Success @bytes bytes in @files files copied
 
 Once "Notices" is in @here/../noticeboard:
 @blurb)");
-  for (const char *directory : {"conf/", "log/", "notices/"}) tree[directory] = "";
+  for (const char *directory : {"conf/", "conf/answers/", "log/", "notices/"}) tree[directory] = "";
   tree["version"] = tree["conf/installed"] = "2.1";
   tree["conf/language"] = "en";
+  for (const auto &[name, text] : Tree{
+           {"admin",     "me@b.org"     },
+           {"logfile",   "log/board.log"},
+           {"page_size", "20"           },
+           {"posting",   "true"         },
+           {"title",     "Notices"      }
+  })
+    tree["conf/answers/" + name] = text;
   tree["html/index.html"] = tree["html/welcome.en.html"];
   for (const char *page : {"html/welcome.de.html", "html/welcome.en.html"}) tree.erase(page);
   const std::string conf = tree["conf/board.conf"] = read_file("../noticeboard/conf/board.conf");
-  EXPECT_NE(conf.find("title=\"Notices\"\nadmin=\"me@b.org\"\npage_size=20\n"), conf.npos);
+  EXPECT_NE(conf.find("\ntitle=Notices\nadmin=me@b.org\npage_size=20\n"), conf.npos);
   EXPECT_EQ(read_tree("../noticeboard"), tree);
   EXPECT_EQ(fs::status("../noticeboard/cgi/post.cgi").permissions(), fs::perms{0755});
   struct ::stat info = {};
@@ -122,7 +130,7 @@ Once "Notices" is in @here/../noticeboard:
   write_file("../noticeboard/html/index.html", "broken");
   fs::remove("../noticeboard/doc/guide.txt");
   converse(Via::Pipe, Automate, "",
-           "@menu[Upgrade]\nCopying files[.........]\nSuccess @payload bytes in 26 files copied\n");
+           "@menu[Upgrade]\nCopying files[.........]\nSuccess @payload bytes in 32 files copied\n");
   EXPECT_EQ(read_tree("../noticeboard"), tree);
 
   run({"-automate", "-special", "install"}, {}, Via::Pipe, {.name = "./noticeboard"});
@@ -131,8 +139,9 @@ Once "Notices" is in @here/../noticeboard:
            "[web]\nExecuting[]\n Success 3 files done.\n");
   EXPECT_TRUE(fs::exists("../noticeboard/noticeboard-site.conf"));
 
-  // With the site file and the board itself. The 3 files that the script names show no dot.
-  words["@dots"] = std::string(tree.size() + 2 - 3, '.');
+  // With the site file and the board itself. The 3 files that the script names show no
+  // dot, and a directory below another one shows two.
+  words["@dots"] = std::string(tree.size() + 3 - 3, '.');
   words["@files"] = std::to_string(tree.size() + 3);
   converse(Via::Pipe, {"-automate", "-special", "remove"}, "",
            "[remove]\nExecuting[@dots]\n Success @files files done.\n");
@@ -162,19 +171,19 @@ File with your notice [files/samples/welcome.txt]? {blurb.txt}
 Log file, below the directory of the board unless it is a full path
 [log/board.log]? {}
 Should the notices belong to another user (only root can do that) [n]? {}
-Name of the board [Notices]? {Town Hall  }
+Name of the board [Notices]? {Bob's $HOME  }
 Mail address of its keeper [me@b.org]? {}
-In ../hall there will be the board "Town Hall", with me@b.org as its keeper. Is
-that right [y]? {n}
-Name of the board [Town Hall]? {}
+In ../hall there will be the board "Bob's $HOME", with me@b.org as its keeper.
+Is that right [y]? {n}
+Name of the board [Bob's $HOME]? {}
 Mail address of its keeper [me@b.org]? {}
-In ../hall there will be the board "Town Hall", with me@b.org as its keeper. Is
-that right [y]? {}
+In ../hall there will be the board "Bob's $HOME", with me@b.org as its keeper.
+Is that right [y]? {}
 @review{}
-Copying files[..................]
-Success @bytes bytes in 31 files copied
+Copying files[...................]
+Success @bytes bytes in 37 files copied
 
-Once "Town Hall" is in ../hall:
+Once "Bob's $HOME" is in ../hall:
 @blurb@exit)");
   converse(GetParam(), {}, "", R"(@choose{2}
 [Upgrade]
@@ -184,18 +193,19 @@ Your settings stay as they are. Keep a copy of them as well [y]? {}
 Name of the copy [previous]? {/tmp/old.conf}
 @review{}
 Copying files[.........]
-Success @payload bytes in 26 files copied
+Success @payload bytes in 32 files copied
 @exit)");
   EXPECT_EQ(read_file("../hall/html/index.html"), payload["html/welcome.en.html"]);
   EXPECT_TRUE(fs::exists("../hall/conf/old.conf"));
+  EXPECT_EQ(read_file("../hall/conf/board.conf.new"), read_file("../hall/conf/board.conf"));
   converse(GetParam(), {}, "", R"(@choose{3}
 [Remove]
 Directory of the board [../board]? {../hall}
 Keep the notices [n]? {y}
 Remove the board from ../hall now [y]? {}
 @review{}
-Removing files[..................]
- Success 21 files removed
+Removing files[.........................]
+ Success 27 files removed
 @exit)");
   EXPECT_EQ(read_tree("../hall").size(), 2U); // the notice and its directory
 }

@@ -21,6 +21,14 @@ Exist           $(dir)/conf/installed           installed
 Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf  installed false
 WFile           $(dir)/conf/language            language
 
+# What an upgrade must know of the answers, a file for each.
+MkDir           $(dir)/conf/answers
+WFile           $(dir)/conf/answers/title       title
+WFile           $(dir)/conf/answers/admin       admin
+WFile           $(dir)/conf/answers/page_size   page_size
+WFile           $(dir)/conf/answers/posting     open_posting
+WFile           $(dir)/conf/answers/logfile     logfile
+
 # Modes are not copied.
 Chmod           $(dir)/cgi/*.cgi        -       755
 Chmod           $(dir)/conf/*.conf      -       640
@@ -34,8 +42,15 @@ Rename          $(dir)/conf/installing  $(dir)/conf/installed
 Exist           $(source)/board/html/welcome.$(language).html   language_known
 Error           language_known There are no pages in the language "$(language)". Choose en or de.
 
-# The settings are the operator's. What this version would have written lies beside them.
+# The settings are the operator's. What this version would have written, with the answers of the
+# install, lies beside them. A board of version 2.0 has no answers.
 RFile           $(dir)/conf/board.conf          settings
+Exist           $(dir)/conf/answers             answered
+RFile           $(dir)/conf/answers/title       title           answered
+RFile           $(dir)/conf/answers/admin       admin           answered
+RFile           $(dir)/conf/answers/page_size   page_size       answered
+RFile           $(dir)/conf/answers/posting     open_posting    answered
+RFile           $(dir)/conf/answers/logfile     logfile         answered
 WFile           $(dir)/conf/$(backup).conf      settings        keep_backup
 Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf.new
 
