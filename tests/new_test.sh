@@ -80,18 +80,18 @@ touch ../shop-installed/bin
 run
 is "install that fails" 1 "$(grep -c '^Failed' console)"
 rm ../shop-installed/bin
-sed -i 's/World/Ann/' shop.dat
+sed -i "s/World/Ann's \"\$(id)\"/" shop.dat
 run
 is "install" "[Install] Success" "$(grep -oE '^\[Install\]|^Success' console | paste -sd ' ')"
-is "installed" "Hello, Ann!" "$(../shop-installed/bin/greet)"
+is "installed" "Hello, Ann's \"\$(id)\"!" "$(../shop-installed/bin/greet)"
 
 # An upgrade restores all that an install makes, and keeps the answers.
 installed=$(tree ../shop-installed)
-sed -i 's/Ann/World/' shop.dat
+sed -i "s/Ann.*/World/" shop.dat
 rm -r ../shop-installed/{bin,doc}
 run
 is "upgrade" "[Upgrade] Success" "$(grep -oE '^\[Upgrade\]|^Success' console | paste -sd ' ')"
-is "upgraded" "$installed Hello, Ann!" "$(tree ../shop-installed) $(../shop-installed/bin/greet)"
+is "upgraded" "$installed Hello, Ann's \"\$(id)\"!" "$(tree ../shop-installed) $(../shop-installed/bin/greet)"
 
 # A removal leaves nothing, can be repeated, and takes away no directory of others.
 run -special remove

@@ -2,32 +2,35 @@
 # fails. See installer-cpy(5).
 
 [install]
-MkDir       $(dir)/bin
-MkDir       $(dir)/conf
 # Says whose directory it is: [remove] takes no other one away.
-WFile       $(dir)/conf/product         product
-# An answer that an upgrade must know is kept in a file of its own.
+MkDir       $(dir)
+WFile       $(dir)/product              product
+# An answer that an upgrade must know is kept in a file of its own. The program that needs it reads
+# that file: written into a program, an answer would be code.
+MkDir       $(dir)/conf
 WFile       $(dir)/conf/name            name
-CopyDir     files/doc                   -           $(dir)
+CopyDir     files/bin                   -           $(dir)
+Chmod       $(dir)/bin/*                -           755
 # A template: its references are replaced by the answers.
-Ini         files/greet.in              $(dir)/bin/greet
-Chmod       $(dir)/bin/greet            -           755
-# Last, and whole or not at all: the sign that everything is there.
+MkDir       $(dir)/doc
+Ini         files/readme.in             $(dir)/doc/readme.txt
+# Last, beside its place and renamed: the sign that everything is there.
 WFile       $(dir)/conf/installing      version
 Rename      $(dir)/conf/installing      $(dir)/conf/installed
 
 [upgrade]
 # All that [install] does, for a version that was installed may lack any of it.
-MkDir       $(dir)/bin
+MkDir       $(dir)
+WFile       $(dir)/product              product
 MkDir       $(dir)/conf
-WFile       $(dir)/conf/product         product
 RFile       $(dir)/conf/name            name
-CopyDir     files/doc                   -           $(dir)
-Ini         files/greet.in              $(dir)/bin/greet
-Chmod       $(dir)/bin/greet            -           755
+CopyDir     files/bin                   -           $(dir)
+Chmod       $(dir)/bin/*                -           755
+MkDir       $(dir)/doc
+Ini         files/readme.in             $(dir)/doc/readme.txt
 WFile       $(dir)/conf/installing      version
 Rename      $(dir)/conf/installing      $(dir)/conf/installed
 
 [remove]
-Exist       $(dir)/conf/product         ours
+Exist       $(dir)/product              ours
 RmDir       $(dir)                      -           ours        true
