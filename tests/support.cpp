@@ -142,10 +142,16 @@ static void preset(const std::string &file, const std::string &settings) {
   write_file(file, "dir $(current_dir)/out\n" + settings + read_file(file));
 }
 
-void write_demo() {
-  fs::copy(INSTALLER_SOURCE_DIR "/examples/demo", ".", fs::copy_options::recursive);
-  preset("noticeboard.dat", "");
+/// Writes one of the examples, and the program under its name.
+static void write_example(const std::string &folder, const std::string &name) {
+  fs::copy(INSTALLER_SOURCE_DIR "/examples/" + folder, ".", fs::copy_options::recursive);
+  preset(name + ".dat", "");
+  fs::create_symlink(INSTALLER_PROGRAM, name);
 }
+
+void write_demo() { write_example("demo", "noticeboard"); }
+
+void write_hello() { write_example("hello", "hello"); }
 
 void write_notes() {
   for (const char *name : {"dat", "int", "q", "cpy"})
@@ -154,6 +160,7 @@ void write_notes() {
   for (const char *file : {"bin/notesd", "bin/x.old", "share/index.html", "share/drafts/x"})
     write_file(std::string{"files/"} + file, file);
   write_file("www/other", "");
+  fs::create_symlink(INSTALLER_PROGRAM, "notes");
   const struct ::passwd *user = ::getpwuid(::getuid());
   const std::string owner = user != nullptr ? user->pw_name : "root";
   preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
@@ -210,6 +217,11 @@ int run_injected(const std::string &inject, const std::string &path, const std::
                       " -e trace=" + inject.substr(0, inject.find(':')) + " -e inject=" + inject +
                       " " + command + " >console 2>&1 </dev/null")
                          .c_str());
+}
+
+int run_isolated(const std::string &line) {
+  const std::string how = ::geteuid() == 0 ? "-m" : "-Urm";
+  return std::system(("unshare " + how + " --propagation private sh -c '" + line + "'").c_str());
 }
 
 bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }

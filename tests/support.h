@@ -48,9 +48,11 @@ using Tree = std::map<std::string, std::string>;
 /// The files that a manual page shows: each in a display behind a comment with its name.
 [[nodiscard]] Tree read_page(const std::string &name);
 
-/// Writes a product into the working directory, to be installed in "out" there: the demo
-/// ("noticeboard"), and that of the manual pages ("notes").
+/// Writes a product into the working directory, to be installed in "out" there, with the program
+/// under its name: the demo ("noticeboard"), that of installer-new ("hello"), that of the manual
+/// pages ("notes").
 void write_demo();
+void write_hello();
 void write_notes();
 
 /// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
@@ -88,6 +90,8 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input 
 /// "console" and "trace".
 int run_injected(const std::string &inject, const std::string &path = {},
                  const std::string &command = INSTALLER_PROGRAM " -automate");
+/// Runs a line of the shell in a mount name space of its own, and as its root; the status.
+int run_isolated(const std::string &line);
 /// True where strace may trace.
 bool can_trace();
 /// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how

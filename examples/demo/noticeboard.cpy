@@ -68,14 +68,25 @@ WFile           $(dir)/conf/installing  version
 Rename          $(dir)/conf/installing  $(dir)/conf/installed
 
 [remove]
-# What is left by a removal that was cut short is no whole board, but still a board.
+# What is left by a removal that was cut short is no whole board, but still a board. One that stays
+# installed, as that file cannot be removed, stays whole.
 RmFile          $(dir)/conf/installed   -
-RmDir           $(dir)/*                version,notices
-RmDir           $(dir)/notices          -       keep_notices false
-RmFile          $(dir)/version          -
-RmDir           $(dir)                  -       keep_notices false
+Exist           $(dir)/conf/installed   left
+RmDir           $(dir)/*                version,notices left    false
+Exist           $(dir)/conf/installed   keep_notices    keep_notices    false
+RmDir           $(dir)/notices          -               keep_notices    false
 # What the init script has written beside this file.
 RmFile          $(current_dir)/last_start       -
+# The file "version" goes with the directory, once nothing else of the board is there: where
+# something stays, kept or not to be removed, it can be removed and installed again.
+Exist           $(dir)/cgi      left    left    false
+Exist           $(dir)/conf     left    left    false
+Exist           $(dir)/doc      left    left    false
+Exist           $(dir)/html     left    left    false
+Exist           $(dir)/lang     left    left    false
+Exist           $(dir)/log      left    left    false
+Exist           $(dir)/notices  left    left    false
+RmDir           $(dir)          -       left    false
 
 [web]
 Exist           $(dir)/conf/installed           installed

@@ -33,4 +33,12 @@ Rename      $(dir)/conf/installing      $(dir)/conf/installed
 
 [remove]
 Exist       $(dir)/product              ours
-RmDir       $(dir)                      -           ours        true
+# Without this file it is no whole one: whatever happens below, it can be removed or installed again.
+RmFile      $(dir)/conf/installed       -           ours
+Exist       $(dir)/conf/installed       left        ours
+RmDir       $(dir)/*                    product     left        false
+# The file that says whose directory it is goes with it, once nothing else of ours is there.
+Exist       $(dir)/bin                  left        left        false
+Exist       $(dir)/conf                 left        left        false
+Exist       $(dir)/doc                  left        left        false
+RmDir       $(dir)                      -           left        false
