@@ -327,7 +327,10 @@ int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   Operands source;
   if (!split_source(x, index, source)) return 0;
   const std::vector<std::string> destinations = find_destinations(x, index);
-  Copying copying{.exclude = copy_not(x, index), .bytes = bytes, .sink = sink_of(x)};
+  Copying copying{.exclude = copy_not(x, index),
+                  .tree = x->list[index].type == CType::CpyDir,
+                  .bytes = bytes,
+                  .sink = sink_of(x)};
   for (const std::string &directory : destinations) copying.fill(directory.c_str());
   int count = 0;
   for (const std::string &directory : destinations)

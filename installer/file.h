@@ -98,7 +98,7 @@ char *file_filename(File x, char *buffer, std::size_t bfsz);
 
 // ---- Copying ----
 
-/// Copies the bytes of `src` to `dst`, which is created (default mode) or replaced as a whole
+/// Copies the bytes of `src` to `dst`, which is created (default mode) or replaced, as a whole
 /// (replace.h); the mode, owner and times of `src` are not copied. `bytes` (may be null) grows by
 /// the bytes written. 1 copied (`xok`); 0 failed (logged, `xfail`; without a word for a null path);
 /// -1 when `dst` exists and `overwrite` is 0 (nothing is called). A file copied onto itself stays
@@ -114,13 +114,15 @@ int file_xcopy(const char *path, const char *wild, const char *exclude, const ch
                int recurse, std::uint64_t *bytes);
 
 /// A copy under way. `exclude`: names that are left out below directories (with case); `recurse`:
-/// directories with their trees, else empty; `bytes`: grows by the bytes written; `sink`: is told
-/// of everything; each may be null. `filled`: device and inode of the directories that are not
-/// walked into, which are those that the copy created and those given to `fill`. `block`: what is
-/// read before it is written.
+/// directories with their trees, else empty; `tree`: of a tree, whose new files are written in
+/// their place (replace.h), else beside it; `bytes`: grows by the bytes written; `sink`: is told of
+/// everything; each may be null. `filled`: device and inode of the directories that are not walked
+/// into, which are those that the copy created and those given to `fill`. `block`: what is read
+/// before it is written.
 struct Copying {
   const char *exclude = nullptr;
   bool recurse = true;
+  bool tree = false;
   std::uint64_t *bytes = nullptr;
   const FileSink *sink = nullptr;
   std::set<std::pair<::dev_t, ::ino_t>> filled = {};

@@ -89,7 +89,7 @@ Cause copy_contents(Copying &c, const Place &src, const Place &dst) {
   if (S_ISREG(src.type) && size % BlockSize == 0 && !still_plain(in))
     return failed_open(c, src, last_cause());
   if (dst.cause) return failed_create(c, dst, dst.cause);
-  Replacement out{dst.name, dst.dir, in.get()};
+  Replacement out{dst.name, dst.dir, in.get(), c.tree ? NewFile::InPlace : NewFile::Beside};
   if (out.same()) {
     imsg("'%s' and '%s' are the same file, nothing to copy", src.path, dst.path);
     return {};
@@ -209,7 +209,7 @@ int file_copy(const char *src, const char *dst, int overwrite, std::uint64_t *by
 
 int file_xcopy(const char *path, const char *wild, const char *exclude, const char *dst,
                int recurse, std::uint64_t *bytes) {
-  Copying c{.exclude = exclude, .recurse = recurse != 0, .bytes = bytes};
+  Copying c{.exclude = exclude, .recurse = recurse != 0, .tree = true, .bytes = bytes};
   if (path == nullptr || !takes_path(c, dst)) return 0;
   std::string target{dst};
   setsep(target.data(), Sep);

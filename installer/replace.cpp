@@ -1,8 +1,8 @@
 #include "installer/replace.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
-#include <vector>
 
 #include <linux/stat.h>
 #include <sys/syscall.h>
@@ -17,6 +17,8 @@ constexpr ::mode_t PermissionBits = 07777;
 /// What the system takes away when a file is written to.
 constexpr ::mode_t SetIdBits = 06000;
 constexpr const char *Capabilities = "security.capability";
+
+constexpr ::mode_t DefaultMode = 0666;
 
 constexpr Cause Overtaken = {EBUSY, "another run replaces it"};
 
@@ -110,14 +112,29 @@ bool give_all(const struct ::stat &old, int from, int to, bool &fragile, struct 
          for_each_name(wanted, [=](const char *name) { return give_attribute(from, to, name); });
 }
 
+/// Gives a file a name that nothing has. Where the system cannot do that in one step the name is
+/// looked at before.
+bool rename_new(int dir, const char *from, const char *to) {
+#ifdef RENAME_NOREPLACE
+  if (::syscall(SYS_renameat2, dir, from, dir, to, RENAME_NOREPLACE) == 0) return true;
+  // ENOSYS: an old kernel; EINVAL: a file system, EPERM: a sandbox that does not know it.
+  if (errno != ENOSYS && errno != EINVAL && errno != EPERM) return false;
+#endif
+  struct ::stat info = {};
+  const bool taken = ::fstatat(dir, to, &info, AT_SYMLINK_NOFOLLOW) == 0;
+  if (taken) errno = EEXIST;
+  return !taken && errno == ENOENT && ::renameat(dir, from, dir, to) == 0;
+}
+
 } // namespace
 
-Replacement::Replacement(const char *path, int dir, int source) {
-  // A new file is the usual case: it is made before anything is asked about it.
-  const bool listed = dir != AT_FDCWD;
-  if (listed) out_ = open_at_once(dir, path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
-  if (listed && !out_) cause_ = last_cause();
-  if (out_ || (listed && cause_.number != EEXIST)) return;
+Replacement::Replacement(const char *path, int dir, int source, NewFile where) {
+  if (where == NewFile::InPlace) {
+    // A new file is the usual case: it is made before anything is asked about it.
+    spot_.base = dir;
+    spot_.name = path;
+    if (make(spot_.name, DefaultMode) || cause_.number != EEXIST) return;
+  }
   spot_ = find_spot(dir, path);
   open(source);
 }
@@ -132,8 +149,8 @@ void Replacement::open(int source) {
     open_existing(source);
     return;
   }
-  out_ = open_at_once(spot_.at(), spot_.name.c_str(), O_WRONLY | O_CREAT | O_EXCL | spot_.follow);
-  if (!out_) cause_ = last_cause();
+  if (make_beside(DefaultMode) || is_scarcity(cause_.number)) return;
+  make(spot_.name, DefaultMode);
 }
 
 void Replacement::open_existing(int source) {
@@ -162,25 +179,35 @@ void Replacement::open_existing(int source) {
   open_in_place(old);
 }
 
+/// Creates a file that must not be there.
+bool Replacement::make(const std::string &name, ::mode_t mode) {
+  out_ = open_at_once(spot_.at(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+  cause_ = out_ ? Cause{} : last_cause();
+  if (out_) made_ = name;
+  return static_cast<bool>(out_);
+}
+
+/// False, with the cause, when no file can be made beside.
+bool Replacement::make_beside(::mode_t mode) {
+  if (spot_.name.back() == Sep) return false; // no file can have this name
+  const std::string name = "." + spot_.name + ".installer-new";
+  if (make(name, mode)) return true;
+  // One that is there was left behind by a run that was killed.
+  if (cause_.number != EEXIST) return false;
+  if (::unlinkat(spot_.at(), name.c_str(), 0) == 0) return make(name, mode);
+  cause_ = last_cause();
+  return false;
+}
+
 /// False: the file is to be written in place, or, with a cause, not at all.
 bool Replacement::open_beside(const struct ::stat &old) {
   if (!S_ISREG(old.st_mode) || old.st_nlink != 1 || spot_.linked || is_mount_point(old_.get()))
     return false;
   const Cause before = cause_;
-  const std::string name = "." + spot_.name + ".installer-new";
-  const auto create = [&] {
-    out_ = open_at_once(spot_.at(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
-                        first_mode(old.st_mode));
-    return static_cast<bool>(out_);
-  };
-  // One that is there was left behind by a run that was killed.
-  if (!create() && errno == EEXIST && ::unlinkat(spot_.at(), name.c_str(), 0) == 0) create();
-  if (!out_) {
-    if (is_scarcity(errno)) cause_ = last_cause();
+  if (!make_beside(first_mode(old.st_mode))) {
+    if (!is_scarcity(cause_.number)) cause_ = before;
     return false;
   }
-  beside_ = name;
-  cause_ = {};
   const bool given = give_all(old, old_.get(), out_.get(), fragile_, new_);
   if (given && !fragile_) old_ = Descriptor{};
   if (given) return true;
@@ -194,17 +221,24 @@ void Replacement::open_in_place(const struct ::stat &old) {
   else out_ = std::move(old_);
 }
 
-/// True when another run has removed the file beside the old one and put its own there.
-bool Replacement::overtaken() const {
+/// Asks which file was made, while it is open.
+void Replacement::identify() {
+  const bool unknown = !made_.empty() && new_.st_nlink == 0;
+  if (unknown && out_ && ::fstat(out_.get(), &new_) != 0) new_ = {};
+}
+
+/// Why the file that was made no longer has its name: another run has put its own there.
+Cause Replacement::lost() const {
   struct ::stat info = {};
-  return new_.st_nlink != 0 &&
-         ::fstatat(spot_.at(), beside_.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-         !same_inode(info, new_);
+  const bool there = ::fstatat(spot_.at(), made_.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+  if (there && same_inode(info, new_)) return {};
+  return there || errno == ENOENT ? Overtaken : last_cause();
 }
 
 void Replacement::discard() {
-  if (!beside_.empty() && !overtaken()) ::unlinkat(spot_.at(), beside_.c_str(), 0);
-  beside_.clear();
+  identify();
+  if (!made_.empty() && !lost()) ::unlinkat(spot_.at(), made_.c_str(), 0);
+  made_.clear();
   out_ = Descriptor{};
 }
 
@@ -229,24 +263,30 @@ Stream Replacement::stream() {
   return stream;
 }
 
-bool Replacement::commit() {
-  const bool beside = !beside_.empty();
+Cause Replacement::finish_contents() {
   const bool given =
-      !beside || !fragile_ || give_all(spot_.info, old_.get(), out_.get(), fragile_, new_);
-  if (!given) cause_ = last_cause();
-  const bool closed = out_.close();
-  if (!closed && given) cause_ = last_cause();
-  if (!given || !closed || !beside) return given && closed;
-  if (overtaken()) {
-    cause_ = Overtaken;
-    return false;
-  }
-  if (::renameat(spot_.at(), beside_.c_str(), spot_.at(), spot_.name.c_str()) != 0) {
-    cause_ = last_cause();
-    return false;
-  }
-  beside_.clear();
-  return true;
+      made_.empty() || !fragile_ || give_all(spot_.info, old_.get(), out_.get(), fragile_, new_);
+  Cause cause = given ? Cause{} : last_cause();
+  identify();
+  if (!out_.close() && given) cause = last_cause();
+  return cause;
+}
+
+/// Gives the file that was made beside its place the name of that.
+Cause Replacement::take_name() {
+  if (made_.empty() || made_ == spot_.name) return {};
+  if (const Cause cause = lost()) return cause;
+  const char *name = spot_.name.c_str();
+  const bool named = spot_.exists() ? ::renameat(spot_.at(), made_.c_str(), spot_.at(), name) == 0
+                                    : rename_new(spot_.at(), made_.c_str(), name);
+  return named ? Cause{} : last_cause();
+}
+
+bool Replacement::commit() {
+  cause_ = finish_contents();
+  if (!cause_) cause_ = take_name();
+  if (!cause_) made_.clear();
+  return !cause_;
 }
 
 Cause write_text(const char *file, const std::function<const char *()> &value) {

@@ -9,12 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -269,16 +266,6 @@ INSTANTIATE_TEST_SUITE_P(, CutShort,
                                          Product{"notes", write_notes}),
                          [](const auto &product) { return product.param.name; });
 
-TEST(Fault, FileThatFailsWhenItIsClosed) {
-  if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
-  for (const char *file : {"stamp", "out/one", "out/pkg.ini", "out/port"}) {
-    const TempDir scratch;
-    write_product();
-    EXPECT_EQ(run_injected("close:error=EIO:when=1", scratch.path(file)), 0);
-    EXPECT_TRUE(told(read_file("console"))) << file << read_file("console");
-  }
-}
-
 static void limit(int resource, ::rlim_t most) {
   const struct ::rlimit limits = {most, most};
   ::setrlimit(static_cast<__rlimit_resource_t>(resource), &limits);
@@ -297,20 +284,6 @@ TEST(Fault, Limits) {
     install();
     EXPECT_EQ(read_tree("out"), complete);
   }
-}
-
-/// From now on these calls of the system fail so.
-static void refuse(std::initializer_list<unsigned> calls, unsigned error) {
-  std::vector<struct ::sock_filter> program;
-  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct ::seccomp_data, nr)));
-  for (const unsigned call : calls) {
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
-  }
-  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const struct ::sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
-  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
 }
 
 constexpr unsigned Openat2 = 437, Fchmodat2 = 452;

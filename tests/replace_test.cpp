@@ -172,6 +172,113 @@ TEST(Replace, AnotherRunAtTheSameFile) {
   EXPECT_EQ(read_file("file") + std::to_string(read_tree(".").size()), "21");
 }
 
+TEST(Replace, NewFilesAreWholeOrNotThere) {
+  const ::mode_t mask = ::umask(027);
+  const std::string longest(255, 'n');
+  const auto noop = [] {};
+  const struct {
+    std::string name;
+    std::function<void()> prepare;
+    bool beside;
+  } rows[] = {
+      {"plain",            noop,                                                        true },
+      {"left over",        [] { write_file(".left over.installer-new", "torn"); },      true },
+      {"planted",          [] { fs::create_symlink("old", ".planted.installer-new"); }, true },
+      {"linked",           [] { fs::create_symlink("far", "linked"); },                 true },
+      {longest.substr(15), noop,                                                        true },
+      {longest.substr(14), noop,                                                        false},
+      {"occupied",         [] { write_file(".occupied.installer-new/x", ""); },         false},
+  };
+  for (const auto &row : rows) {
+    const TempDir folder;
+    fs::permissions(".", fs::perms{02775});
+    EXPECT_TRUE(::geteuid() != 0 || ::chown(".", 0, 9) == 0);
+    write_file("old", "new");
+    row.prepare();
+    Tree before = read_tree(".");
+    if (row.beside) before.erase("." + row.name + ".installer-new");
+    {
+      Replacement failing{row.name.c_str()};
+      EXPECT_EQ(failing.write("ne", 2), 2U);
+      EXPECT_EQ(fs::exists(row.name), !row.beside) << row.name;
+    }
+    EXPECT_EQ(read_tree("."), before) << row.name;
+    EXPECT_FALSE(write_new(row.name)) << row.name;
+    before[row.name == "linked" ? "far" : row.name] = "new";
+    EXPECT_EQ(read_tree("."), before) << row.name;
+    EXPECT_EQ(all_of(fs::canonical(row.name)), all_of("old")) << row.name;
+  }
+  ::umask(mask);
+}
+
+TEST(Replace, NamesTakenWhileAFileIsWritten) {
+  // With the call that does not replace, and where the system or the file system lacks it.
+  for (const int refusal : {0, ENOSYS, EINVAL, EPERM}) {
+    const TempDir folder;
+    const auto write_all = [=] {
+      if (refusal != 0) refuse({SYS_renameat2}, static_cast<unsigned>(refusal));
+      bool good = !write_new("free");
+      for (const std::string name : {"file", "link", "directory"}) {
+        Replacement out{name.c_str()};
+        if (name == "file") write_file(name, "theirs");
+        else if (name == "link") fs::create_symlink("none", name);
+        else fs::create_directory(name);
+        good = out.write("new", 3) == 3 && !out.commit() && out.cause().number == EEXIST && good;
+      }
+      ::_exit(good ? 0 : 1);
+    };
+    EXPECT_EXIT(write_all(), ::testing::ExitedWithCode(0), "") << refusal;
+    fs::create_directory(".new");
+    EXPECT_EQ(write_new("new/").number, EISDIR);
+    const Tree wanted = {
+        {".new/",      ""       },
+        {"directory/", ""       },
+        {"file",       "theirs" },
+        {"free",       "new"    },
+        {"link",       "-> none"}
+    };
+    EXPECT_EQ(read_tree("."), wanted) << refusal;
+  }
+}
+
+TEST(Replace, OnlyTheFileThatWasMadeIsRemoved) {
+  const TempDir folder;
+  const std::string longest(255, 'n');
+  for (const std::string &name : {std::string{"plain"}, longest}) {
+    Replacement out{name.c_str(), AT_FDCWD, -1,
+                    name == "plain" ? NewFile::InPlace : NewFile::Beside};
+    EXPECT_EQ(out.write("new", 3), 3U);
+    fs::rename(name, "moved " + name.substr(0, 5));
+    write_file(name, "theirs");
+  }
+  EXPECT_EQ(read_file("plain") + read_file(longest), "theirstheirs");
+}
+
+TEST(Replace, SwappedTargetsAreNotFollowed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may make links of other users";
+  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  bool stopped = true;
+  for (int call = 1; stopped; ++call) {
+    const TempDir scratch;
+    write_file("installer.dat", "to $(current_dir)/out\n");
+    write_file("installer.int", "");
+    write_file("installer.q", "[install]\n");
+    write_file("installer.cpy", "[install]\nCopyFile f - $(to)\nIni f $(to)/i\nWFile $(to)/w f\n");
+    write_file("f", "new");
+    write_file("victim", "old");
+    for (const std::string name : {"f", "i", "w"}) {
+      write_file("out/" + name, "old");
+      write_file("out/." + name + ".installer-new/x", ""); // so it is written in place
+      fs::create_symlink("../victim", name + ".link");
+      EXPECT_EQ(::lchown((name + ".link").c_str(), 65534, 65534), 0);
+    }
+    stopped = run_and_stop(call, [](int) {
+      for (const std::string name : {"f", "i", "w"}) fs::rename(name + ".link", "out/" + name);
+    });
+    ASSERT_EQ(read_file("victim"), "old") << call;
+  }
+}
+
 // ---- Upgrades of an old tree by the real program ----
 
 /// A product, and what an older one installed. With links, files have two names.
@@ -187,6 +294,7 @@ static void write_upgrade() {
     write_file("src/" + name, std::string(static_cast<std::size_t>(n * n) * 1500, 'n'));
     write_file("out/" + name, std::string(static_cast<std::size_t>(8 - n) * 3000, 'o'));
     fs::permissions("out/" + name, fs::perms{n % 2 == 0 ? 0751U : 0604U});
+    EXPECT_TRUE(::geteuid() != 0 || ::chown(("out/" + name).c_str(), 7, 7) == 0);
   }
   for (const char *name : {"t.ini", "pkg.ini", "port", "stamp"})
     write_file(std::string{"out/"} + name, "old");
@@ -199,11 +307,30 @@ static std::map<std::string, std::string> states() {
   return found;
 }
 
+/// The same without a tree, and without what an older one installed.
+static void write_first_install() {
+  write_upgrade();
+  write_file("installer.cpy", "[install]\nCopyFile src/? - $(to)\nIni src/t.ini $(to)/pkg.ini\n"
+                              "WFile $(to)/port port\n");
+  fs::remove_all("out");
+  fs::create_directory("out");
+}
+
+/// A file beside one that it will replace lets nobody in whom that one keeps out.
+static void expect_never_wider(const std::string &beside) {
+  std::string path = beside.substr(0, beside.size() - std::strlen(".installer-new"));
+  path.erase(path.rfind('/') + 1, 1);
+  struct ::stat now = {}, old = {};
+  if (::stat(beside.c_str(), &now) != 0 || ::stat(path.c_str(), &old) != 0) return;
+  EXPECT_EQ(now.st_mode & 0777 & ~old.st_mode, 0U) << beside;
+  EXPECT_TRUE(now.st_gid == old.st_gid || (now.st_mode >> 3 & 7) == (now.st_mode & 7)) << beside;
+}
+
 struct Upgrade : ::testing::Test {
-  Upgrade() {
+  explicit Upgrade(void (*product)() = write_upgrade) : write_product(product) {
     ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     const TempDir scratch;
-    write_upgrade();
+    write_product();
     old_states = states();
     complete();
     new_states = states();
@@ -211,32 +338,43 @@ struct Upgrade : ::testing::Test {
   static void complete() { run({"-automate"}, {}, Via::Pipe, {.name = "./installer"}); }
   /// Every file is old or new, and the next run, if there is one, leaves all of them new.
   void expect_old_or_new(const std::string &after, bool again = true) {
-    bool is_old = false, is_new = false;
+    std::size_t done = 0;
     for (const auto &[path, state] : states()) {
-      if (path.ends_with(".installer-new")) continue;
+      if (path.ends_with(".installer-new")) {
+        expect_never_wider(path);
+        continue;
+      }
       ASSERT_TRUE(state == old_states[path] || state == new_states[path]) << path << after;
-      (state == old_states[path] ? is_old : is_new) = true;
+      if (state == new_states[path]) ++done;
     }
-    mixed += is_old && is_new ? 1 : 0;
+    mixed += done > 0 && done < new_states.size() ? 1 : 0;
     if (!again) return;
     complete();
     ASSERT_EQ(states(), new_states) << after;
   }
+  void kill_at_every_call() {
+    int kills = 0;
+    for (bool killed = true; killed; ++kills) {
+      const TempDir scratch;
+      write_product();
+      killed = run_and_kill(kills + 1);
+      expect_old_or_new(" killed before call " + std::to_string(kills + 1));
+      if (HasFatalFailure()) return;
+    }
+    EXPECT_GT(mixed, kills / 5);
+  }
+  void (*write_product)();
   std::map<std::string, std::string> old_states, new_states;
   int mixed = 0; // runs that ended with some files old and some new
 };
 
-TEST_F(Upgrade, KilledAtEverySystemCall) {
-  int kills = 0;
-  for (bool killed = true; killed; ++kills) {
-    const TempDir scratch;
-    write_upgrade();
-    killed = run_and_kill(kills + 1);
-    expect_old_or_new(" killed before call " + std::to_string(kills + 1));
-    if (HasFatalFailure()) return;
-  }
-  EXPECT_GT(mixed, kills / 5);
-}
+TEST_F(Upgrade, KilledAtEverySystemCall) { kill_at_every_call(); }
+
+struct FirstInstall : Upgrade {
+  FirstInstall() : Upgrade(write_first_install) {}
+};
+
+TEST_F(FirstInstall, KilledAtEverySystemCall) { kill_at_every_call(); }
 
 /// Starts the program and kills it after so many microseconds.
 static void kill_after(unsigned delay) {
@@ -314,6 +452,77 @@ TEST_F(Upgrade, EveryCallOfAReplacementFailingOnce) {
       EXPECT_EQ(read_log("installer.log").find("\nError: ") == std::string::npos, row.replaced)
           << what;
     }
+  }
+}
+
+TEST_F(FirstInstall, EveryCallOfANewFileFailingOnce) {
+  if (!can_trace()) GTEST_SKIP() << "strace may not trace here";
+  const struct {
+    std::string fault;
+    bool made; // all the same; in a tree nothing is beside
+  } rows[] = {
+      {"openat:error=ENOSPC",   false},
+      {"openat:error=EACCES",   true },
+      {"fcntl:error=EMFILE",    false},
+      {"write:error=EDQUOT",    false},
+      {"write:error=EIO",       false},
+      {"close:error=EIO",       false},
+      {"renameat2:error=EIO",   false},
+      {"renameat2:error=EPERM", true },
+  };
+  for (const auto &row : rows) {
+    for (const std::string name : {"3", "pkg.ini", "port", "stamp", "sub/7"}) {
+      const TempDir scratch;
+      write_product();
+      write_file("installer.cpy", read_file("installer.cpy") + "CopyDir src/sub - $(to)\n");
+      const bool tree = name == "sub/7"; // of which the source is opened first
+      const std::string entry = tree ? "7" : "." + name + ".installer-new";
+      const std::string when = tree && row.fault[0] == 'o' ? ":when=2" : ":when=1";
+      EXPECT_EQ(run_injected(row.fault + when, entry + " -P " + scratch.path("out/sub/7") + " -P " +
+                                                   scratch.path("out/" + entry)),
+                0);
+      const std::string what = row.fault + " for " + name;
+      const bool hit = read_file("trace").find("(INJECTED)") != std::string::npos;
+      const char call = row.fault[0];
+      EXPECT_EQ(hit, call == 'f' ? name == "pkg.ini" : call != 'r' || !tree) << what;
+      const bool made = !hit || (row.made && !tree);
+      EXPECT_EQ(states().contains("out/" + name), made) << what;
+      EXPECT_EQ(read_log("installer.log").find("\nError: ") == std::string::npos, made) << what;
+      for (const auto &[file, state] : states())
+        EXPECT_TRUE(state == new_states[file] || file.starts_with("out/sub/")) << file << what;
+    }
+  }
+}
+
+TEST_F(FirstInstall, FullDisk) {
+  if (::unshare(CLONE_NEWNS) != 0 ||
+      ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    GTEST_SKIP() << "no mount name space: " << std::strerror(errno);
+  const std::string longest(255, 'n');
+  const struct {
+    std::string name, command, text;
+  } rows[] = {
+      {"pkg.ini", "Ini src/t.ini out/pkg.ini", "Port=80\n"      },
+      {"3",       "CopyFile src/3 - ./out",    std::string(13500, 'n')},
+      {"sub/7",         "CopyDir src/sub - ./out",                              std::string(73500,              'n')},
+      {"port",     "WFile out/port port",                                "80"                              },
+      {longest,     "WFile out/" + longest + " port", "80"},
+  };
+  for (const auto &row : rows) {
+    const TempDir scratch;
+    write_product();
+    write_file("installer.int", "");
+    // What is there is the operator's: an empty file would stay one.
+    write_file("installer.cpy",
+               "[install]\nExist out/" + row.name + " have\n" + row.command + " have false\n");
+    ASSERT_EQ(::mount("none", "out", "tmpfs", 0, "size=512k"), 0);
+    write_file("out/filler", std::string(600000, 'x'));
+    complete();
+    EXPECT_FALSE(fs::exists("out/" + row.name)) << row.command;
+    fs::remove("out/filler");
+    complete();
+    EXPECT_TRUE(read_file("out/" + row.name) == row.text) << row.command;
+    EXPECT_EQ(::umount2("out", MNT_DETACH), 0);
   }
 }
 

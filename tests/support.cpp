@@ -6,15 +6,19 @@
 
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pty.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -226,19 +230,38 @@ int run_isolated(const std::string &line) {
 
 bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
 
-bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {
+void refuse(std::initializer_list<unsigned> calls, unsigned error) {
+  std::vector<struct ::sock_filter> program;
+  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct ::seccomp_data, nr)));
+  for (const unsigned call : calls) {
+    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1));
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
+  }
+  program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const struct ::sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
+bool run_and_stop(int call, const std::function<void(int)> &act,
+                  const std::vector<std::string> &arguments, const Start &start) {
   const ::pid_t pid = ::fork();
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     execute(arguments, start);
   }
-  int status = 0;
-  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
-    if (stops == 2 * last) ::kill(pid, SIGKILL);
+  int status = 0, stops = 0; // two for each call
+  for (; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    if (stops == 2 * call) act(pid);
     ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
   }
-  return WIFSIGNALED(status);
+  return stops > 2 * call;
+}
+
+bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {
+  return run_and_stop(
+      last, [](int pid) { ::kill(pid, SIGKILL); }, arguments, start);
 }
 
 int times(int usual) {

@@ -6,6 +6,8 @@
 #include "installer/ini.h"
 
 #include <filesystem>
+#include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <map>
 #include <string>
@@ -97,6 +99,13 @@ bool can_trace();
 /// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how
 /// often a test tries what it picks at random.
 int times(int usual);
+/// From now on these calls of the system fail so in this process and its children.
+void refuse(std::initializer_list<unsigned> calls, unsigned error);
+/// Runs the program to its end, and calls `act` with its process before its system call number
+/// `call`. False: it ended earlier.
+bool run_and_stop(int call, const std::function<void(int)> &act,
+                  const std::vector<std::string> &arguments = {"-automate"},
+                  const Start &start = {.name = "./installer"});
 /// Runs the program and kills it before its system call number `last`. False: it ended earlier.
 bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
