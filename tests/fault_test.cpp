@@ -390,4 +390,23 @@ TEST(Fault, MemoryThatRunsOutWhileAFileIsLoaded) {
   }
 }
 
+TEST(Fault, FilesThatMemoryCannotHold) {
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+  GTEST_SKIP() << "the sanitizer needs the memory";
+#endif
+  const TempDir scratch;
+  write_product();
+  write_file("big", "");
+  fs::resize_file("big", 500'000'000);
+  write_file("installer.int", "RFile big x - -\nWFile made port - -\n");
+  write_file("installer.cpy", "[install]\nRFile big x\nWFile never port\n");
+  const Outcome outcome = install([] { limit(RLIMIT_AS, 60'000'000); });
+  EXPECT_NE(outcome.console.find("\nFailed, "), outcome.console.npos) << outcome.console;
+  const std::string log = read_log("installer.log");
+  for (const char *line : {"\nError: Out of memory in init command for 'big'\n",
+                           "\nError: Command failed for 'big', Cannot allocate memory\n"})
+    EXPECT_NE(log.find(line), log.npos) << line << log;
+  EXPECT_TRUE(fs::exists("made") && !fs::exists("never"));
+}
+
 } // namespace installer
