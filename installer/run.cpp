@@ -22,14 +22,19 @@ bool counts(const Fault &fault) {
   return fault.severity == Severity::Error || fault.kind == FaultKind::MissingWord;
 }
 
-std::string base_name(const std::string &path) {
-  const char *separator = last_separator(path.c_str());
-  return separator != nullptr ? separator + 1 : path;
+/// The product's files by their names, others as they were given.
+std::string shown_file(const std::string &path) {
+  char own[PathSize];
+  const char *separator = product_file("", own) ? last_separator(own) : nullptr;
+  std::string folder = own;
+  folder.resize(separator != nullptr ? static_cast<std::size_t>(separator + 1 - own) : 0);
+  const std::string name = path.starts_with(folder) ? path.substr(folder.size()) : path;
+  return last_separator(name.c_str()) == nullptr ? name : path;
 }
 
 std::string reason_line(const Where &where, const Failure &failure) {
   std::string line = or_empty(text_of(myname));
-  if (!where.file.empty()) line += ": " + base_name(where.file);
+  if (!where.file.empty()) line += ": " + shown_file(where.file);
   if (where.line != 0) line += ":" + std::to_string(where.line);
   for (const std::string &part : {where.keyword, failure.what, failure.path})
     if (!part.empty()) line += ": " + part;

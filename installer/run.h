@@ -52,8 +52,8 @@ struct Run {
   std::time_t started = std::time(nullptr);
 };
 
-/// Where a reason comes from. `file`: a path of which the name is shown; `line`: 0 for the file as
-/// a whole; `keyword`: of the command, or the setting of the question; empty for none.
+/// Where a reason comes from. `file`: shown as a name when it is the product's; `line`: 0 for the
+/// file as a whole; `keyword`: of the command, or the setting of the question; empty for none.
 struct Where {
   std::string file;
   std::size_t line = 0;

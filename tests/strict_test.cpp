@@ -267,6 +267,12 @@ TEST(Answers, StandInForDefaults) {
           {},
           2,
           "pkg: none: cannot read the answers: No such file or directory\n"});
+  expect({"-answers /none/x",
+          {},
+          {},
+          2,
+          "pkg: /none/x: cannot read the answers: No such file or directory\n"});
+  expect({Go + " -answers src/a", {}, {}, 2, "pkg: src/a:1: '1' has no answer\n"});
   expect({
       with, "answers", std::string{"port 1\n\0", 8},
         2,
