@@ -2,6 +2,7 @@
 
 #include "installer/front.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace installer {
@@ -69,14 +70,20 @@ bool is_for_help(const char *argument) {
   return option != nullptr && option->apply == show_nothing;
 }
 
-bool lacks_value(const Given &given) {
-  return given.option != nullptr && given.option->value != nullptr && given.value == nullptr;
+/// True for an option that stands further in front as well.
+bool repeats(const CommandLine &line, const Given &given) {
+  return std::any_of(line.given.data(), &given,
+                     [&](const Given &earlier) { return earlier.option == given.option; });
 }
 
-/// -special without its tag has always ended in its own way.
-bool wrong(const CommandLine &line, const Given &given) {
-  if (given.option == nullptr) return line.strict;
-  return lacks_value(given) && (line.strict || given.option->apply != set_special);
+/// What is wrong with an argument, or null. -special has always ended in its own way without its
+/// tag, and taken the last of several.
+const char *wrong(const CommandLine &line, const Given &given) {
+  if (given.option == nullptr) return line.strict ? "unknown argument" : nullptr;
+  const bool lenient = !line.strict && given.option->apply == set_special;
+  if (given.option->value == nullptr || lenient) return nullptr;
+  if (given.value == nullptr) return "option without its value";
+  return repeats(line, given) ? "option given twice" : nullptr;
 }
 
 } // namespace
@@ -108,8 +115,8 @@ void print_usage(std::FILE *out) {
 
 bool check_command_line(const CommandLine &line) {
   for (const Given &given : line.given) {
-    if (!wrong(line, given)) continue;
-    const std::string what = lacks_value(given) ? "option without its value" : "unknown argument";
+    const char *what = wrong(line, given);
+    if (what == nullptr) continue;
     give_reason({}, {what, given.word, {}});
     print_usage(stderr);
     return false;

@@ -88,7 +88,7 @@ static const std::string Go = "-automate -strict";
 
 TEST(Strict, Begins) {
   const std::string to = "[install]\nMkDir out\n", full = ": No space left on device\n";
-  expect({Go, {}, {}, 0, ""});
+  expect({"-strict -debug -automate -debug -strict -automate", {}, {}, 0, ""});
   expect({Go, "pkg.q", "[install]\nYN port - - h Port\n", 0, ""});
   expect({"-strict", {}, {}, 0, "", "1\n82\n\n"});
   expect({"-strict", "pkg.q", "[install]\nYN port - - h Port\n", 0, "", "1\nmaybe\ny\n\n"});
@@ -145,6 +145,14 @@ TEST(Strict, DoesNotBegin) {
           2,
           "pkg: unknown argument: -x\\302\\233\\033\\342\\200\\256\n"});
   expect({Go + " -special", {}, {}, 2, "pkg: option without its value: -special\n"});
+  for (const char *option : {"-answers", "-record", "-strict -special"}) {
+    const std::string last = option[1] == 's' ? "-special" : option;
+    expect({std::string{option} + " w " + last + " w",
+            {},
+            {},
+            2,
+            "pkg: option given twice: " + last + "\n"});
+  }
   expect({"-answers", {}, {}, 2, "pkg: option without its value: -answers\n"});
   expect({Go, "pkg.log", "/", 2, "pkg: pkg.log: cannot open the log: Is a directory\n"});
   expect({Go, "pkg.dat", "-", 2,
