@@ -7,6 +7,8 @@
 #include <cstring>
 #include <set>
 
+#include <unistd.h>
+
 namespace installer {
 
 namespace {
@@ -86,7 +88,8 @@ const char *banner_of(const Action &action) {
 // ---- The questions ----
 
 /// One walk through the questions of a section of `file`. `index`: the entry to process next;
-/// `jumps`: jumps since the operator's last reply.
+/// `jumps`: jumps since the operator's last reply; `answered`: the setting of the question that was
+/// answered last, since the first of them.
 struct Pass {
   Run &run;
   Questions quest;
@@ -94,6 +97,7 @@ struct Pass {
   const Action &action;
   std::uint32_t index = 0;
   std::uint32_t jumps = 0;
+  std::string answered = {};
 };
 
 /// What became of an entry: `Next` goes on behind it, `Stay` with whatever `index` says now.
@@ -116,6 +120,15 @@ void set_setting(const Pass &pass, const char *value) {
 Step fail(const Pass &pass, const char *who, const std::string &what) {
   count_fault(pass.run, {pass.file, pass.quest->list[pass.index].line, who}, {what, {}, {}});
   return Step::Fail;
+}
+
+/// Shows an error that ends a strict run. Its reason follows, and says the same on a terminal that
+/// shows both.
+void show_error(const Pass &pass, const std::string &text) {
+  const KeepErrno keep;
+  const bool twice =
+      pass.run.strict && ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
+  if (!twice) std::printf("Error: %s\n", text.c_str());
 }
 
 Step fail_question(const Pass &pass, const std::string &what) {
@@ -149,16 +162,20 @@ Step handle_error(Pass &pass) {
   char temp[LineSize] = "";
   if (pass.action.expand_error) ini_replace(pass.run.ini, text, temp, sizeof temp);
   const char *message = pass.action.expand_error ? temp : text;
-  std::printf("Error: %s\n", message);
+  show_error(pass, message);
   return fail(pass, "Error", message);
 }
 
 Step handle_loop(Pass &pass) {
   if (isfalse(setting_value(pass)) == 0) return Step::Next;
   const std::uint32_t count = quest_count(pass.quest);
-  if (++pass.jumps > count) {
-    std::printf("Error: The questions repeat without end\n");
-    return fail(pass, "Loop", "The questions repeat without end");
+  if (++pass.jumps == 1) pass.answered.clear();
+  if (pass.jumps > count) {
+    const std::string what = "The questions repeat without end";
+    show_error(pass, what);
+    const bool asks = !pass.answered.empty();
+    return fail(pass, "Loop",
+                asks ? what + ", the answer to '" + pass.answered + "' was refused last" : what);
   }
   const int target = s_atoi(quest_text(pass.quest, pass.index));
   pass.index = target >= 0 ? static_cast<std::uint32_t>(target) : count;
@@ -186,7 +203,9 @@ bool gate_open(const Pass &pass) {
 
 /// Says what is wrong with the answer; unattended there is no other.
 Step refuse(const Pass &pass) {
-  std::printf("Error: %s, please try again\n", quest_error());
+  const std::string text = std::string{quest_error()} + ", please try again";
+  if (automate == 0) std::printf("Error: %s\n", text.c_str());
+  else show_error(pass, text);
   return automate != 0 ? fail_question(pass, quest_reason()) : Step::Stay;
 }
 
@@ -194,7 +213,7 @@ Step refuse(const Pass &pass) {
 Step step_back(Pass &pass) {
   if (automate != 0) {
     const std::string setting = quest_setting(pass.quest, pass.index);
-    std::printf("Error: Cannot go back from question '%s' unattended\n", setting.c_str());
+    show_error(pass, "Cannot go back from question '" + setting + "' unattended");
     return fail_question(pass, "The default is 'b', which goes back");
   }
   if (pass.index > 0) --pass.index;
@@ -224,11 +243,12 @@ Step get_reply(Pass &pass, char (&reply)[LineSize]) {
 }
 
 /// Checks the answer and stores it. It is what the question offers when it is asked again.
-Step take_answer(const Pass &pass, char (&reply)[LineSize]) {
+Step take_answer(Pass &pass, char (&reply)[LineSize]) {
   const std::string given = reply;
   const char *setting = quest_setting(pass.quest, pass.index);
   errno = 0;
   if (quest_answer(pass.quest, pass.index, reply) == 0) return refuse(pass);
+  pass.answered = setting;
   set_answer(pass.run.given, setting, given.c_str());
   if (Answer *answer = find_answer(pass.run.answers, setting)) answer->value = given;
   return Step::Next;

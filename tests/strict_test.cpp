@@ -185,6 +185,13 @@ TEST(Strict, DoesNotBegin) {
   expect({Go, "pkg.q", "[install]\nExist none e\nError e h No\n", 2, "pkg: pkg.q:3: Error: No\n"});
   expect({Go, "pkg.q", "[install]\nExist none e\nLoop e 0\n", 2,
           "pkg: pkg.q:3: Loop: The questions repeat without end\n"});
+  expect(
+      {Go, "pkg.q", "[install]\nText port - - h x\nFile missing - - h x\nExist none e\nLoop e 1\n",
+       2,
+       "pkg: pkg.q:5: Loop: The questions repeat without end, the answer to 'missing' was refused "
+       "last\n"});
+  expect({Go, "pkg.q", "[install]\nText port - - h x\nExist none e\nLoop e 1\n", 2,
+          "pkg: pkg.q:4: Loop: The questions repeat without end\n"});
   expect({Go, "pkg.dat", "port q\n", 2, q + "port: The default is 'q', which quits\n"});
   expect({Go, "pkg.dat", "port B\n", 2, q + "port: The default is 'b', which goes back\n"});
   expect({"-strict", {}, {}, 3, "", "4\n"});
@@ -192,6 +199,26 @@ TEST(Strict, DoesNotBegin) {
   expect({"-strict", {}, {}, 3, "", "1\nq\n4\n"});
   expect({"-strict -special w", {}, {}, 3, "", "q\n"});
   expect({"-strict", {}, {}, 3, "", "1\n82\n"});
+}
+
+TEST(Strict, SaysAnErrorOnceOnATerminal) {
+  const struct {
+    const char *questions, *error;
+  } rows[] = {
+      {"YN port - - h x\nDirExist missing - - h x", "Directory '/none/x' must exist"  },
+      {"Exist none e\nError e h No",                "No\r\n"                          },
+      {"Exist none e\nLoop e 0",                    "The questions repeat without end"},
+      {"Text back - - h x",                         " go"                             },
+  };
+  for (const auto &row : rows) {
+    const TempDir dir;
+    write_product();
+    write_file("pkg.dat", read_file("pkg.dat") + "back b\n");
+    write_file("pkg.q", std::string{"[install]\n"} + row.questions);
+    const std::string console = run({"-automate", "-strict"}, {}, Via::Pty).console;
+    const std::size_t told = console.find(row.error);
+    EXPECT_TRUE(told != console.npos && told == console.rfind(row.error)) << console;
+  }
 }
 
 TEST(Strict, TellsOfAConsoleOrALogThatLosesLines) {
