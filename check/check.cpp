@@ -13,7 +13,7 @@
 
 #include <unistd.h>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -99,7 +99,7 @@ bool wants_colour() {
 
 } // namespace
 
-int check_main(int argc, char **argv) {
+int main(int argc, char **argv) {
   const Options given = read_options(argc, argv);
   if (given.wrong) return usage();
   if (given.list) return list_rules();
@@ -117,4 +117,4 @@ int check_main(int argc, char **argv) {
   return errors > 0 || (given.strict && warnings > 0) ? Errors : NothingWrong;
 }
 
-} // namespace installer
+} // namespace installer::check

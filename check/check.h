@@ -9,10 +9,10 @@
 // Each row of the table of rules (rules.h) then looks at the product and reports to a `Report`
 // (report.h), which drops what comments in the files switch off, and prints the rest in order.
 
-namespace installer {
+namespace installer::check {
 
 /// The program. 0: no error was found; 1: errors, with -strict also warnings; 2: a folder cannot be
 /// read or holds no product, or the command line is wrong.
-int check_main(int argc, char **argv);
+int main(int argc, char **argv);
 
-} // namespace installer
+} // namespace installer::check

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <unordered_set>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -109,7 +109,7 @@ private:
   std::vector<std::string> find(const Step &step, const Use &source, Effect &effect) const;
   [[nodiscard]] bool is_own(std::string_view path) const;
   void check_place(std::string_view place, Effect &effect) const;
-  [[nodiscard]] Spot node(const Step &step, bool directory) const;
+  [[nodiscard]] TreeNode node(const Step &step, bool directory) const;
 
   const Product &product_;
   const std::unordered_set<std::string> &own_;
@@ -119,7 +119,7 @@ private:
 
 bool is_gated(const Step &step) { return use_of(step, Role::Control) != nullptr; }
 
-Spot Worker::node(const Step &step, bool directory) const {
+TreeNode Worker::node(const Step &step, bool directory) const {
   return {.directory = directory, .made = true, .sure = !is_gated(step), .command = step.index};
 }
 
@@ -154,8 +154,8 @@ void Worker::copy_one(const Step &step, const std::string &from, const std::stri
   if (entry != nullptr && entry->kind != EntryKind::File && entry->kind != EntryKind::Dir &&
       effect.unfit.empty())
     effect.unfit = from;
-  const Spot *source = tree_.find(from);
-  Spot copied = node(step, source != nullptr && source->directory);
+  const TreeNode *source = tree_.find(from);
+  TreeNode copied = node(step, source != nullptr && source->directory);
   copied.program = source != nullptr && source->program;
   tree_.put(to, copied);
 }
@@ -194,8 +194,8 @@ void Worker::copy(const Step &step, Effect &effect, bool trees) {
     else copy_one(step, path, target, effect);
   }
   if (!effect.unsure && effect.matches > 0) return;
-  const Spot *there = tree_.find(to);
-  tree_.put(to, there != nullptr ? *there : Spot{.directory = true}).open = true;
+  const TreeNode *there = tree_.find(to);
+  tree_.put(to, there != nullptr ? *there : TreeNode{.directory = true}).open = true;
 }
 
 /// The directory, and those above it that the line itself names.
@@ -209,7 +209,7 @@ void Worker::make(const Step &step) {
        text = parent_of(text)) {
     part.uses[static_cast<std::size_t>(path - step.uses.data())].text = text;
     const std::string parent = path_of(product_, part, part.uses.front());
-    const Spot *there = tree_.find(parent);
+    const TreeNode *there = tree_.find(parent);
     if ((there == nullptr || !there->made) && own_.contains(parent))
       tree_.put(parent, node(step, true));
   }
@@ -218,8 +218,8 @@ void Worker::make(const Step &step) {
 void Worker::write(const Step &step, Effect &effect, const Use &path, bool program) {
   const std::string place = path_of(product_, step, path);
   check_place(parent_of(place), effect);
-  if (const Spot *there = tree_.find(place)) effect.onto_directory = there->directory;
-  Spot written = node(step, false);
+  if (const TreeNode *there = tree_.find(place)) effect.onto_directory = there->directory;
+  TreeNode written = node(step, false);
   written.program = program;
   tree_.put(place, written);
 }
@@ -251,7 +251,7 @@ void Worker::rename(const Step &step, Effect &effect) {
   check_place(parent_of(to), effect);
   if (is_in(to, from)) return;
   for (const std::string &path : tree_.below(from)) {
-    Spot moved = *tree_.find(path);
+    TreeNode moved = *tree_.find(path);
     moved.command = step.index;
     if (!is_gated(step)) tree_.remove(path);
     tree_.put(to + path.substr(from.size()), moved);
@@ -284,7 +284,7 @@ void Worker::change(const Step &step, Effect &effect, bool modes) {
     if (is_listed(path, use_of(step, Role::Exclusions))) continue;
     ++effect.matches;
     for (const std::string &entry : tree_.below(path)) {
-      Spot &changed = tree_.spots().find(entry)->second;
+      TreeNode &changed = tree_.nodes().find(entry)->second;
       effect.directories = effect.directories || changed.directory;
       if (modes && runs) changed.executable = true;
     }
@@ -402,7 +402,7 @@ void run_section(const Product &product, CopySection &section, const Own &own, T
 /// Files that this section made, that begin like programs and are not executable.
 void note_programs(CopySection &section, const Tree &tree) {
   if (tree.lost()) return;
-  for (const auto &[path, node] : tree.spots()) {
+  for (const auto &[path, node] : tree.nodes()) {
     if (!node.made || !node.program || node.executable || node.directory) continue;
     if (node.command >= section.effects.size()) continue;
     std::string &program = section.effects[node.command].program;
@@ -421,7 +421,7 @@ std::string written_path(const Product &product, const Step &step, const std::st
 /// What [remove] leaves: the topmost of it.
 void note_left(const Product &product, CopySection &install, const Tree &tree) {
   std::string top;
-  for (const auto &[path, node] : tree.spots()) {
+  for (const auto &[path, node] : tree.nodes()) {
     if (!node.made || !node.sure || node.command >= install.effects.size()) continue;
     if (!top.empty() && is_in(path, top)) continue;
     top = path;
@@ -431,7 +431,7 @@ void note_left(const Product &product, CopySection &install, const Tree &tree) {
 
 /// The commands of what was made become a thing of the past.
 void settle(Tree &tree) {
-  for (auto &[path, node] : tree.spots()) {
+  for (auto &[path, node] : tree.nodes()) {
     node.made = false;
     node.command = NoCommand;
   }
@@ -445,7 +445,7 @@ bool makes(const Step &step) {
 void note_marker(Product &product, const Step &test, const CopySection &install, const Tree &tree) {
   Marker marker{&test, nullptr, nullptr};
   const Use *path = use_of(test, Role::Path);
-  const Spot *node = path != nullptr ? tree.find(path_of(product, test, *path)) : nullptr;
+  const TreeNode *node = path != nullptr ? tree.find(path_of(product, test, *path)) : nullptr;
   if (node != nullptr && node->command < install.steps.size())
     marker.made = &install.steps[node->command];
   for (const Step &step : install.steps)
@@ -512,7 +512,7 @@ void trace_effects(Product &product) {
   settle(tree);
   for (CopySection &section : product.scripts) {
     if (&section == install || s_stricmp(section.name.c_str(), "remove") == 0) continue;
-    left -= std::min(left, tree.spots().size());
+    left -= std::min(left, tree.nodes().size());
     if (left == 0) return;
     Tree changed = tree;
     if (broken.contains(&section)) changed.lose();
@@ -521,4 +521,4 @@ void trace_effects(Product &product) {
   }
 }
 
-} // namespace installer
+} // namespace installer::check

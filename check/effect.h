@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace installer {
+namespace installer::check {
 
 /// Fills the effects of all sections, and the markers. Once, after `trace_settings`. The work is
 /// bounded: behind it everything is unsure.
@@ -20,4 +20,4 @@ void trace_effects(Product &product);
 /// The same, not as a path. None when a value is not known.
 [[nodiscard]] Text value_of(const Product &product, const Step &step, const Use &use);
 
-} // namespace installer
+} // namespace installer::check

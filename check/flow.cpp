@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -526,4 +526,4 @@ std::string not_set(const Product &product, std::string_view name) {
   return quoted(name) + " is only set later";
 }
 
-} // namespace installer
+} // namespace installer::check

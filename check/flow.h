@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace installer {
+namespace installer::check {
 
 /// Fills the steps of the init script and of all sections, `start`, and who sets each setting.
 void trace_settings(Product &product);
@@ -32,4 +32,4 @@ struct WrongReference {
 /// 'port'?", or that it is set elsewhere.
 [[nodiscard]] std::string not_set(const Product &product, std::string_view name);
 
-} // namespace installer
+} // namespace installer::check

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <set>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -379,4 +379,4 @@ void load_product(const std::string &folder, const std::string &name, Product &p
   read_switches(product, report);
 }
 
-} // namespace installer
+} // namespace installer::check

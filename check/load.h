@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 /// The names of the products in a folder, in order: each NAME.dat that has at least one file of its
 /// name beside it, or else all. The cause when the folder cannot be read.
@@ -20,4 +20,4 @@ namespace installer {
 void load_product(const std::string &folder, const std::string &name, Product &product,
                   Report &report);
 
-} // namespace installer
+} // namespace installer::check

@@ -1,3 +1,3 @@
 #include "check/check.h"
 
-int main(int argc, char **argv) { return installer::check_main(argc, argv); }
+int main(int argc, char **argv) { return installer::check::main(argc, argv); }

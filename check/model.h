@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 // ---- Settings ----
 
@@ -228,4 +228,4 @@ struct Product {
 /// True for a fault of a line that is dropped, or not what it seems.
 [[nodiscard]] bool drops_line(const Fault &fault);
 
-} // namespace installer
+} // namespace installer::check

@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -110,4 +110,4 @@ const PayloadEntry *find_entry(const Payload &payload, std::string_view path) {
   return found != payload.entries.end() ? &found->second : nullptr;
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 /// The name that stands for the product's folder, which is the working directory of a run, in plain
 /// paths (words.h): one that no file has.
@@ -36,4 +36,4 @@ struct Payload {
 /// The kind of the entry with that plain path; null without one.
 [[nodiscard]] const PayloadEntry *find_entry(const Payload &payload, std::string_view path);
 
-} // namespace installer
+} // namespace installer::check

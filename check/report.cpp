@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -74,4 +74,4 @@ bool Report::print(bool colour) const {
   return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }
 
-} // namespace installer
+} // namespace installer::check

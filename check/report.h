@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 /// `Error`: as it is written, the line is dropped, fails or does something else than it says, or
 /// the product cannot start. `Warning`: it runs, but is probably not what was meant.
@@ -48,4 +48,4 @@ private:
   std::set<std::tuple<std::string, std::size_t, std::string>> off_;
 };
 
-} // namespace installer
+} // namespace installer::check

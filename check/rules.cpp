@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -255,4 +255,4 @@ void run_rules(const Product &product, Report &report) {
     if (product.whole || rule.needs == Nothing) rule.run(product, {report, rule});
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-namespace installer {
+namespace installer::check {
 
 /// Where the findings of one rule for one product go.
 class Find {
@@ -145,4 +145,4 @@ void early_marker(const Product &product, const Find &find);
 void shell_reference(const Product &product, const Find &find);
 void lost_indentation(const Product &product, const Find &find);
 
-} // namespace installer
+} // namespace installer::check

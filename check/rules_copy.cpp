@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <unordered_set>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -342,4 +342,4 @@ void lost_indentation(const Product &product, const Find &find) {
         find(text.file, line.line, "a line with a reference loses its indentation");
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <unordered_map>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -234,4 +234,4 @@ void derived_value(const Product &product, const Find &find) {
   }
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -174,4 +174,4 @@ void bad_switch(const Product &product, const Find &find) {
   for (const Fault &fault : product.bad_switches) find(fault.file, fault.line, fault.text);
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <unordered_map>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -370,4 +370,4 @@ void bad_action(const Product &product, const Find &find) {
   }
 }
 
-} // namespace installer
+} // namespace installer::check

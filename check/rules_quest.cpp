@@ -11,7 +11,7 @@
 #include <string_view>
 #include <unordered_set>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -183,4 +183,4 @@ void ignored_control(const Product &product, const Find &find) {
         find(step, "a Copy is always done; write '-' for control and comparison");
 }
 
-} // namespace installer
+} // namespace installer::check

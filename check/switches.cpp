@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -93,4 +93,4 @@ void read_switches(Product &product, Report &report) {
     read_comments(*file, {product, report, *file});
 }
 
-} // namespace installer
+} // namespace installer::check

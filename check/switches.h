@@ -11,10 +11,10 @@
 #include "check/model.h"
 #include "check/report.h"
 
-namespace installer {
+namespace installer::check {
 
 /// Reads the comments of the four files and tells the report. One that is not understood goes
 /// to `bad_switches`.
 void read_switches(Product &product, Report &report);
 
-} // namespace installer
+} // namespace installer::check

@@ -4,7 +4,7 @@
 
 #include "installer/lib.h"
 
-namespace installer {
+namespace installer::check {
 
 bool Tree::spend() const {
   if (*left_ > 0) --*left_;
@@ -12,23 +12,23 @@ bool Tree::spend() const {
 }
 
 void Tree::add(const Payload &payload) {
-  spots_[Here] = {.directory = true, .open = !payload.complete};
+  nodes_[Here] = {.directory = true, .open = !payload.complete};
   for (const auto &[path, entry] : payload.entries)
     if (spend())
-      spots_[path] = {.directory = entry.kind == EntryKind::Dir, .program = entry.program};
+      nodes_[path] = {.directory = entry.kind == EntryKind::Dir, .program = entry.program};
 }
 
-const Spot *Tree::find(std::string_view path) const {
-  const auto found = spots_.find(path);
-  return found != spots_.end() ? &found->second : nullptr;
+const TreeNode *Tree::find(std::string_view path) const {
+  const auto found = nodes_.find(path);
+  return found != nodes_.end() ? &found->second : nullptr;
 }
 
-Spot &Tree::put(const std::string &path, Spot node) {
+TreeNode &Tree::put(const std::string &path, TreeNode node) {
   spend();
   std::string_view parent = parent_of(path);
   for (; parent.size() > 1 && find(parent) == nullptr && spend(); parent = parent_of(parent))
-    spots_[std::string{parent}] = {.directory = true, .command = node.command};
-  const auto [place, fresh] = spots_.try_emplace(path, node);
+    nodes_[std::string{parent}] = {.directory = true, .command = node.command};
+  const auto [place, fresh] = nodes_.try_emplace(path, node);
   if (!fresh) {
     node.executable = node.executable || place->second.executable;
     node.open = node.open || place->second.open;
@@ -44,11 +44,11 @@ std::vector<std::string> Tree::match(const std::string &dir, const std::string &
     if (find(prefix + wild) != nullptr) found.push_back(prefix + wild);
     return found;
   }
-  auto at = spots_.lower_bound(prefix);
-  while (at != spots_.end() && at->first.starts_with(prefix) && spend()) {
+  auto at = nodes_.lower_bound(prefix);
+  while (at != nodes_.end() && at->first.starts_with(prefix) && spend()) {
     const std::size_t end = at->first.find('/', prefix.size());
     if (end != std::string::npos) { // below a child that has been here; "0" comes behind "/"
-      at = spots_.lower_bound(at->first.substr(0, end) + "0");
+      at = nodes_.lower_bound(at->first.substr(0, end) + "0");
       continue;
     }
     if (wild_match(at->first.c_str() + prefix.size(), wild.c_str()) != 0)
@@ -62,16 +62,16 @@ std::vector<std::string> Tree::below(const std::string &path) const {
   std::vector<std::string> found;
   if (find(path) != nullptr) found.push_back(path);
   const std::string prefix = path + "/";
-  for (auto at = spots_.lower_bound(prefix);
-       at != spots_.end() && at->first.starts_with(prefix) && spend(); ++at)
+  for (auto at = nodes_.lower_bound(prefix);
+       at != nodes_.end() && at->first.starts_with(prefix) && spend(); ++at)
     found.push_back(at->first);
   return found;
 }
 
 bool Tree::is_open(std::string_view path) const {
   for (std::string_view at = path; at.size() > 1; at = parent_of(at))
-    if (const Spot *node = find(at); node != nullptr && node->open) return true;
+    if (const TreeNode *node = find(at); node != nullptr && node->open) return true;
   return false;
 }
 
-} // namespace installer
+} // namespace installer::check

@@ -12,14 +12,14 @@
 #include <string_view>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 /// No command: it was there before.
 inline constexpr std::size_t NoCommand = SIZE_MAX;
 
 /// `open`: a directory that may hold more than is known; `made`: a command says so itself, it is
 /// not only the parent of something; `sure`: that command has no control; `command`: its index.
-struct Spot {
+struct TreeNode {
   bool directory = false;
   bool program = false;
   bool executable = false;
@@ -33,34 +33,34 @@ struct Spot {
 /// used up nothing is found any more, and `exhausted` says so.
 class Tree {
 public:
-  using Spots = std::map<std::string, Spot, std::less<>>;
+  using TreeNodes = std::map<std::string, TreeNode, std::less<>>;
   explicit Tree(std::size_t &left) : left_(&left) {}
 
   /// Puts the folder's entries into the tree.
   void add(const Payload &payload);
-  [[nodiscard]] const Spot *find(std::string_view path) const;
+  [[nodiscard]] const TreeNode *find(std::string_view path) const;
   /// Puts a node there; one that exists keeps being executable. Missing parents become directories.
-  Spot &put(const std::string &path, Spot node);
+  TreeNode &put(const std::string &path, TreeNode node);
   /// The entries of a directory that match the pattern, as full paths.
   [[nodiscard]] std::vector<std::string> match(const std::string &dir,
                                                const std::string &wild) const;
   /// The path, when it is there, and all below it.
   [[nodiscard]] std::vector<std::string> below(const std::string &path) const;
-  void remove(const std::string &path) { spots_.erase(path); }
+  void remove(const std::string &path) { nodes_.erase(path); }
   /// True when a directory on the way to the path may hold more than is known.
   [[nodiscard]] bool is_open(std::string_view path) const;
   /// From now on nothing can be said about what is there.
   void lose() { lost_ = true; }
   [[nodiscard]] bool lost() const { return lost_ || *left_ == 0; }
-  [[nodiscard]] const Spots &spots() const { return spots_; }
-  [[nodiscard]] Spots &spots() { return spots_; }
+  [[nodiscard]] const TreeNodes &nodes() const { return nodes_; }
+  [[nodiscard]] TreeNodes &nodes() { return nodes_; }
 
 private:
   bool spend() const;
 
-  Spots spots_;
+  TreeNodes nodes_;
   std::size_t *left_;
   bool lost_ = false;
 };
 
-} // namespace installer
+} // namespace installer::check

@@ -6,7 +6,7 @@
 #include <array>
 #include <bit>
 
-namespace installer {
+namespace installer::check {
 
 namespace {
 
@@ -144,4 +144,4 @@ std::string_view name_of(std::string_view path) {
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-} // namespace installer
+} // namespace installer::check

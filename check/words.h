@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace installer {
+namespace installer::check {
 
 /// A "$(name)" in a text. Without a ")" the name reaches to the end of the text.
 struct Reference {
@@ -59,4 +59,4 @@ private:
 /// The part behind the last "/".
 [[nodiscard]] std::string_view name_of(std::string_view path);
 
-} // namespace installer
+} // namespace installer::check

@@ -12,6 +12,10 @@ include(CheckIPOSupported)
 check_ipo_supported(RESULT lto_works OUTPUT lto_trouble LANGUAGES CXX)
 if(lto_works)
   set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
+  # Two types of one name are only seen where all of the program is linked at once.
+  if(INSTALLER_WERROR AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_link_options("$<$<CONFIG:Release>:-Werror=odr>")
+  endif()
 endif()
 
 # The C++ library comes along, libm goes where nothing calls it, and a release is stripped.

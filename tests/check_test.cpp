@@ -252,6 +252,7 @@ TEST(Check, PrintsInOrderAndCounts) {
   write_file("a/mill.dat", "colour\u009b red\n# check: off unread-setting\ncolor red\n" +
                                read_file("a/mill.dat"));
   write_file("b/mill.cpy", read_file("b/mill.cpy") + "MkDr x\n");
+  fs::create_directory_symlink("b", "linked");
   fs::copy("a", "\x1b\u202e", fs::copy_options::recursive);
   const std::string nothing_reads =
       "/mill.dat:1: warning: nothing reads 'colour\\302\\233' [unread-setting]\n";
@@ -271,6 +272,7 @@ TEST(Check, PrintsInOrderAndCounts) {
       {"b a",        warning + error,                        "1 error, 1 warning\n",           1},
       {"a/",         warning,                                "0 errors, 1 warning\n",          0},
       {"-strict a",  warning,                                "0 errors, 1 warning\n",          1},
+      {"linked",     "linked" + error.substr(1),             "1 error, 0 warnings\n",          1},
       {"a none",     warning,                                none + "0 errors, 1 warning\n",   2},
       {"a/files",    "",                                     empty + "0 errors, 0 warnings\n", 2},
       {"-wrong",     "",                                     wrong + usage,                    2},
