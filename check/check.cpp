@@ -1,8 +1,12 @@
 #include "check/check.h"
 
+#include "check/flow.h"
 #include "check/load.h"
 #include "check/report.h"
 #include "check/rules.h"
+#include "check/script.h"
+#include "check/switches.h"
+#include "check/texts.h"
 
 #include "installer/lib.h"
 
@@ -62,9 +66,21 @@ int usage() {
 const char *word_of(Level level) { return level == Level::Error ? "error" : "warning"; }
 
 int list_rules() {
-  for (const Rule &rule : rules())
-    std::printf("%-22s %-8s %s\n", rule.name, word_of(rule.level), rule.sentence);
+  for (const Rule *rule : all_rules())
+    std::printf("%-22s %-8s %s\n", rule->name, word_of(rule->level), rule->sentence);
   return std::fflush(stdout) == 0 ? NothingWrong : Trouble;
+}
+
+/// Each step needs what the ones before it have found.
+void check_product(const std::string &folder, const std::string &name, Report &report) {
+  Product product;
+  read_files(folder, name, product);
+  trace_settings(product);
+  read_texts(product);
+  trace_readers(product);
+  try_script(product);
+  read_switches(product, report);
+  run_rules(product, report);
 }
 
 /// Checks each product of the folder. False, told: it cannot be read, or holds none.
@@ -80,11 +96,7 @@ bool check_folder(const std::string &folder, Report &report) {
     std::fprintf(stderr, "installer-check: no product (NAME.dat) in '%s'\n", shown.c_str());
     return false;
   }
-  for (const std::string &name : names) {
-    Product product;
-    load_product(folder, name, product, report);
-    run_rules(product, report);
-  }
+  for (const std::string &name : names) check_product(folder, name, report);
   return true;
 }
 

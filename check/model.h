@@ -1,8 +1,8 @@
 #pragma once
 
 // A product as the rules see it: what the loaders of its files delivered, and what follows from
-// that. `load_product` fills it, nothing changes it afterwards, and views and addresses into it
-// last as long as it does.
+// that. `check_product` (check.cpp) fills it, nothing changes it afterwards, and views and
+// addresses into it last as long as it does.
 
 #include "check/payload.h"
 #include "check/words.h"
@@ -75,9 +75,8 @@ struct DataLine {
 
 /// What a word of a line means. `Path`, `Place` (a directory to copy into), `Shown`, `Owner`,
 /// `Mode`, `Written`: a text whose references are replaced; `Literal`: one whose references are
-/// not; `Reference`: the name in a reference of the text before it; `Result`: a setting that is
-/// set; `Source`, `Decision`: one that must have been; `Word`: a setting, or the word itself;
-/// `Control`, `Compare`; `Exclusions`: patterns.
+/// not; `Result`: a setting that is set; `Source`, `Decision`: one that must have been; `Word`: a
+/// setting, or the word itself; `Control`, `Compare`; `Exclusions`: patterns.
 enum class Role {
   Path,
   Place,
@@ -86,7 +85,6 @@ enum class Role {
   Mode,
   Written,
   Literal,
-  Reference,
   Result,
   Source,
   Decision,
@@ -96,24 +94,48 @@ enum class Role {
   Exclusions,
 };
 
-/// A word of a line. `known`: for names, what is known of the setting then; null: nothing has set
-/// it. `closed`: a reference has its ")"; `wrapped`: a name is written as a reference.
-struct Use {
-  Role role;
+/// True for a text in which references are replaced.
+[[nodiscard]] constexpr bool is_replaced(Role role) { return role <= Role::Written; }
+/// True for the name of a setting, or what is looked up as one.
+[[nodiscard]] constexpr bool is_name(Role role) {
+  return role >= Role::Result && role <= Role::Compare;
+}
+/// True for the path of a file or directory.
+[[nodiscard]] constexpr bool is_path(Role role) {
+  return role == Role::Path || role == Role::Place;
+}
+
+/// A setting that a text refers to, or a word names. `known`: what is known of it then; null:
+/// nothing has set it. `closed`: the reference has its ")".
+struct Named {
   std::string_view text;
   KnownPtr known;
   bool closed = true;
+};
+
+/// A word of a line. `operand`: of a script's command, what its keyword's row says; `known`: for
+/// names as in `Named`; `wrapped`: a name is written as a reference; `references`: those of a text
+/// whose references are replaced, from left to right.
+struct Use {
+  Role role;
+  std::string_view text;
+  KnownPtr known = {};
   bool wrapped = false;
+  Operand operand = Operand::Value;
+  std::vector<Named> references = {};
 };
 
 /// A line of the init script, of a section of questions or of copy commands. `type`: the
-/// enumerator of its keyword; `index`: its number in its list, from 0.
+/// enumerator of its keyword; `deed`: of a script's command; `trees`: that also takes directories
+/// with all that they hold; `index`: its number in its list, from 0.
 struct Step {
   const std::string *file = nullptr;
   std::size_t line = 0;
   std::uint32_t type = 0;
   std::uint32_t index = 0;
-  std::vector<Use> uses;
+  Deed deed = Deed::Reads;
+  bool trees = false;
+  std::vector<Use> uses = {};
 };
 
 /// The use of a role in a step, or null.
@@ -123,29 +145,29 @@ struct Step {
   return nullptr;
 }
 
+/// Calls `look` with each reference of a step, from left to right.
+template <class Look> void each_reference(const Step &step, Look look) {
+  for (const Use &use : step.uses)
+    for (const Named &reference : use.references) look(reference);
+}
+
 // ---- What the copy script makes ----
 
 /// What a copy command does in an unattended run on a machine without the product (or, but for
-/// [install], with what [install] made). `matches`: entries that its source finds; `unsure`: it may
-/// find others, for it works on what only the machine has; `own`: its source lies where only this
-/// product puts something. `directories`: some of what it finds, or below that, is a directory.
-/// `place`: the directory that it puts something into is not there, though it is the product's own;
-/// `place_later`: a later command makes it; `onto_directory`: a file
-/// is to be written where a directory stands; `nested`: a directory is copied into one of its name.
-/// `program`: a file that it makes, which begins like a program and is never made executable;
-/// `unfit`: an entry of the folder that it cannot copy. `left`: something that it makes and
-/// [remove] leaves.
+/// [install], with what [install] made).
 struct Effect {
-  std::size_t matches = 0;
-  bool unsure = true;
-  bool own = false;
-  bool in_folder = false;
-  bool directories = false;
-  bool place = false;
-  bool place_later = false;
-  bool onto_directory = false;
-  bool nested = false;
-  std::string program, unfit, left;
+  std::size_t matches = 0;     // entries that its source finds
+  bool unsure = true;          // it may find others, for it works on what only the machine has
+  bool own = false;            // its source lies where only this product puts something
+  bool in_folder = false;      // its source lies in the product's folder
+  bool directories = false;    // some of what it finds, or below that, is a directory
+  bool place_missing = false;  // where it puts something is not there, though the product's own
+  bool made_later = false;     // and a later command makes that directory
+  bool onto_directory = false; // a file is to be written where a directory stands
+  bool nested = false;         // a directory is copied into one of its name
+  std::string program;         // a file that it makes, a program that nothing makes executable
+  std::string unfit;           // an entry of the folder that it cannot copy
+  std::string left;            // something that it makes and [remove] leaves
 };
 
 // ---- Sections and files ----
@@ -224,6 +246,15 @@ struct Product {
   bool whole = true;                                    // all files could be read
   bool dropped = false;                                 // lines are missing
 };
+
+/// Calls `look` with each step of the init script, the questions and the copy script.
+template <class Look> void each_step(const Product &product, Look look) {
+  for (const Step &step : product.init_steps) look(step);
+  for (const QuestSection &section : product.questions)
+    for (const Step &step : section.steps) look(step);
+  for (const CopySection &section : product.scripts)
+    for (const Step &step : section.steps) look(step);
+}
 
 /// True for a fault of a line that is dropped, or not what it seems.
 [[nodiscard]] bool drops_line(const Fault &fault);

@@ -17,7 +17,7 @@ constexpr Look error_look = {"error", "\033[1;31m"};
 constexpr Look warning_look = {"warning", "\033[1;35m"};
 
 auto place_of(const Finding &finding) {
-  return std::tie(finding.file, finding.line, finding.rule, finding.text);
+  return std::tie(finding.file, finding.line, finding.order, finding.text);
 }
 
 } // namespace
@@ -37,15 +37,15 @@ bool Report::is_off(const Finding &finding) const {
 /// Drops the findings that follow from another one in their line: the first in the table of those
 /// that explain a line.
 void Report::drop_consequences() {
-  std::map<std::tuple<std::string, std::size_t>, const Rule *> causes;
+  std::map<std::tuple<std::string, std::size_t>, std::size_t> causes;
   for (const Finding &finding : findings_) {
     if (finding.rule->line != Line::Alone) continue;
-    const Rule *&cause = causes[{finding.file, finding.line}];
-    if (cause == nullptr || finding.rule < cause) cause = finding.rule;
+    const auto [cause, fresh] = causes.try_emplace({finding.file, finding.line}, finding.order);
+    if (!fresh) cause->second = std::min(cause->second, finding.order);
   }
   std::erase_if(findings_, [&](const Finding &finding) {
     const auto cause = causes.find({finding.file, finding.line});
-    return cause != causes.end() && cause->second != finding.rule;
+    return cause != causes.end() && cause->second != finding.order;
   });
 }
 

@@ -19,11 +19,13 @@ enum class Level { Error, Warning };
 
 struct Rule;
 
-/// `file`: as it is reached from the working directory; `line`: from 1, 0 for the file as a whole.
+/// `file`: as it is reached from the working directory; `line`: from 1, 0 for the file as a whole;
+/// `order`: the place of the rule among all, which decides what explains a line.
 struct Finding {
   std::string file;
   std::size_t line;
   const Rule *rule;
+  std::size_t order;
   std::string text;
 };
 

@@ -1,8 +1,7 @@
 // Rules for the copy script, the folder and the templates.
 
-#include "check/effect.h"
-#include "check/flow.h"
 #include "check/rules.h"
+#include "check/values.h"
 #include "check/words.h"
 
 #include "installer/lib.h"
@@ -14,10 +13,38 @@ namespace installer::check {
 
 namespace {
 
-CType type_of(const Step &step) { return static_cast<CType>(step.type); }
+/// True for what cannot do its work without what its source names.
+bool needs_source(Deed deed) {
+  switch (deed) {
+  case Deed::Copies:
+  case Deed::Fills:
+  case Deed::Moves:
+  case Deed::Reads: return true;
+  case Deed::Makes:
+  case Deed::Writes:
+  case Deed::Removes:
+  case Deed::Changes:
+  case Deed::Tests:
+  case Deed::Stops: break;
+  }
+  return false;
+}
 
-bool is_one_of(const Step &step, std::initializer_list<CType> types) {
-  return std::find(types.begin(), types.end(), type_of(step)) != types.end();
+/// True for what fails where it finds nothing, on a machine where that may well be so.
+bool needs_match(Deed deed) {
+  switch (deed) {
+  case Deed::Moves:
+  case Deed::Removes:
+  case Deed::Changes: return true;
+  case Deed::Copies:
+  case Deed::Makes:
+  case Deed::Fills:
+  case Deed::Writes:
+  case Deed::Tests:
+  case Deed::Reads:
+  case Deed::Stops: break;
+  }
+  return false;
 }
 
 bool is_section(const CopySection &section, const char *name) {
@@ -56,11 +83,23 @@ std::vector<std::string> patterns_of(const Use &exclusions) {
 const Use *target_of(const Step &step) {
   const Use *target = nullptr;
   for (const Use &use : step.uses)
-    if (use.role == Role::Path || use.role == Role::Place) target = &use;
+    if (is_path(use.role)) target = &use;
   return target;
 }
 
-} // namespace
+/// A removal or change that stops an install or upgrade when it finds nothing, and nothing says
+/// that it does.
+bool finds_nothing(const CopySection &section, const Step &step, const Effect &effect) {
+  const bool stops = is_section(section, "install") || is_section(section, "upgrade");
+  const bool gated = use_of(step, Role::Control) != nullptr;
+  return stops && needs_match(step.deed) && !gated && effect.matches == 0 &&
+         !(step.deed == Deed::Moves && effect.in_folder);
+}
+
+/// In an install, what nothing has made is not there.
+bool is_sure(const CopySection &section, const Effect &effect) {
+  return is_section(section, "install") && effect.own && !effect.unsure;
+}
 
 void place_form(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
@@ -74,7 +113,7 @@ void place_form(const Product &product, const Find &find) {
     else if (simple && !has_reference(place->text))
       find(step, "a directory to copy into holds a separator; write " +
                      quoted("./" + std::string{place->text}));
-    else if (const Text value = value_of(product, step, *place); simple && value)
+    else if (const Text value = value_of(product, *place); simple && value)
       if (value->find_first_of("/\\") == std::string::npos || value->ends_with('/'))
         find(step, "a directory to copy into is a path, not " + quoted(*value));
   });
@@ -83,22 +122,19 @@ void place_form(const Product &product, const Find &find) {
 void place_missing(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &section, const Step &step, const Effect &effect) {
     const Use *place = target_of(step);
-    if (!effect.place || place == nullptr) return;
+    if (!effect.place_missing || place == nullptr) return;
     const bool into = place->role == Role::Place;
     find(step, "nothing has made " +
                    (into ? quoted(place->text) : "the directory of " + quoted(place->text)) +
-                   (effect.place_later ? " yet" : "") + " in [" + section.name + "]");
+                   (effect.made_later ? " yet" : "") + " in [" + section.name + "]");
   });
 }
 
 void source_missing(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &effect) {
     if (effect.unsure || effect.matches > 0 || !(effect.in_folder || effect.own)) return;
-    if (!is_one_of(step,
-                   {CType::CpyFile, CType::CpyDir, CType::CpyIni, CType::Rename, CType::RFile}) ||
-        use_of(step, Role::Control) != nullptr)
-      return;
-    if (step.type == static_cast<std::uint32_t>(CType::Rename) && !effect.in_folder) return;
+    if (!needs_source(step.deed) || use_of(step, Role::Control) != nullptr) return;
+    if (step.deed == Deed::Moves && !effect.in_folder) return;
     const Use &source = *use_of(step, Role::Path);
     if (effect.directories)
       return find(step, quoted(source.text) + " matches directories only; CopyDir copies them");
@@ -142,13 +178,10 @@ void nested_copy(const Product &product, const Find &find) {
 
 void pattern_in_path(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
-    const bool copies = step.file == &product.copy_file;
-    const CType type = copies ? type_of(step) : CType::Exist;
-    const bool takes_pattern = is_one_of(step, {CType::CpyFile, CType::CpyDir, CType::RmFile,
-                                                CType::RmDir, CType::Chmod, CType::Chown});
     for (const Use &use : step.uses) {
-      if (use.role != Role::Path && use.role != Role::Place) continue;
-      const bool pattern = copies && type != CType::Exist && takes_pattern;
+      if (!is_path(use.role)) continue;
+      const bool pattern = use.operand == Operand::Pattern || use.operand == Operand::Bounded ||
+                           use.operand == Operand::Directories;
       const std::string_view plain = pattern ? parent_of(use.text) : use.text;
       if (plain.find_first_of("*?") != std::string_view::npos)
         find(step, quoted(use.text) + (pattern ? ": only the last part of a path may be a pattern"
@@ -160,7 +193,7 @@ void pattern_in_path(const Product &product, const Find &find) {
 void bad_mode(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
     const Use *mode = use_of(step, Role::Mode);
-    const Text value = mode != nullptr ? value_of(product, step, *mode) : Text{};
+    const Text value = mode != nullptr ? value_of(product, *mode) : Text{};
     if (!value || is_octal(*value)) return;
     const auto setting = product.settings.find(*value);
     const bool name = setting != product.settings.end() && setting->second.is_set();
@@ -172,7 +205,7 @@ void bad_mode(const Product &product, const Find &find) {
 void mode_of_tree(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &effect) {
     const Use *mode = use_of(step, Role::Mode);
-    const Text value = mode != nullptr ? value_of(product, step, *mode) : Text{};
+    const Text value = mode != nullptr ? value_of(product, *mode) : Text{};
     if (!value || !is_octal(*value) || !effect.directories) return;
     const unsigned long bits = std::strtoul(value->c_str(), nullptr, 8);
     if ((bits & 0100) == 0)
@@ -191,7 +224,7 @@ void never_executable(const Product &product, const Find &find) {
 void owner_form(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
     const Use *owner = use_of(step, Role::Owner);
-    const Text value = owner != nullptr ? value_of(product, step, *owner) : Text{};
+    const Text value = owner != nullptr ? value_of(product, *owner) : Text{};
     if (!value) return;
     const std::string user = value->substr(0, value->find(':'));
     const auto setting = product.settings.find(user);
@@ -211,7 +244,7 @@ void owner_form(const Product &product, const Find &find) {
 void group_of_owner(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
     const Use *owner = use_of(step, Role::Owner);
-    const Text value = owner != nullptr ? value_of(product, step, *owner) : Text{};
+    const Text value = owner != nullptr ? value_of(product, *owner) : Text{};
     if (!value) return;
     const std::size_t colon = value->find(':');
     const std::string group = colon != std::string::npos ? value->substr(colon + 1) : *value;
@@ -220,26 +253,6 @@ void group_of_owner(const Product &product, const Find &find) {
       find(step, "many machines have no group " + quoted(group) + "; write USER:GROUP");
   });
 }
-
-namespace {
-
-/// A removal or change that stops an install or upgrade when it finds nothing, and nothing says
-/// that it does.
-bool finds_nothing(const CopySection &section, const Step &step, const Effect &effect) {
-  const bool stops = is_section(section, "install") || is_section(section, "upgrade");
-  const bool changes =
-      is_one_of(step, {CType::RmFile, CType::RmDir, CType::Chmod, CType::Chown, CType::Rename});
-  const bool gated = use_of(step, Role::Control) != nullptr;
-  return stops && changes && !gated && effect.matches == 0 &&
-         !(type_of(step) == CType::Rename && effect.in_folder);
-}
-
-/// In an install, what nothing has made is not there.
-bool is_sure(const CopySection &section, const Effect &effect) {
-  return is_section(section, "install") && effect.own && !effect.unsure;
-}
-
-} // namespace
 
 void matches_nothing(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &section, const Step &step, const Effect &effect) {
@@ -261,9 +274,9 @@ void may_match_nothing(const Product &product, const Find &find) {
 void may_be_empty(const Product &product, const Find &find) {
   std::unordered_set<std::string_view> told; // a line for the setting mends them all
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
-    if (!is_one_of(step, {CType::RmFile, CType::RmDir, CType::Chmod, CType::Chown})) return;
-    const Use &source = *use_of(step, Role::Path);
-    const Use *first = source.text.starts_with("$(") ? use_of(step, Role::Reference) : nullptr;
+    const Use *source = use_of(step, Role::Path);
+    if (source == nullptr || source->operand != Operand::Bounded) return;
+    const Named *first = source->text.starts_with("$(") ? &source->references.front() : nullptr;
     if (first != nullptr && first->known != nullptr && first->known->can_be_empty &&
         told.insert(first->text).second)
       find(step, quoted(first->text) + " may be empty; a line for it in " + product.data_file +
@@ -275,7 +288,7 @@ void exclusion_form(const Product &product, const Find &find) {
   each_command(product, [&](const CopySection &, const Step &step, const Effect &) {
     const Use *exclusions = use_of(step, Role::Exclusions);
     if (exclusions == nullptr || exclusions->text == "-" || has_reference(exclusions->text)) return;
-    const bool paths = is_one_of(step, {CType::Chmod, CType::Chown});
+    const bool paths = step.deed == Deed::Changes;
     for (const std::string &pattern : patterns_of(*exclusions)) {
       const bool separated = pattern.find('/') != std::string::npos;
       if (paths && !separated && pattern.front() != '*' && pattern.front() != '?')
@@ -290,12 +303,13 @@ void late_result(const Product &product, const Find &find) {
   for (const CopySection &section : product.scripts) {
     Names results;
     for (const Step &step : section.steps) {
-      for (const Use &use : step.uses)
-        if (use.role == Role::Reference && section.sets.contains(use.text) &&
-            (results.contains(use.text) || use.known == nullptr) &&
+      each_reference(step, [&](const Named &reference) {
+        if (section.sets.contains(reference.text) &&
+            (results.contains(reference.text) || reference.known == nullptr) &&
             use_of(step, Role::Owner) == nullptr)
-          find(step, "$(" + std::string{use.text} +
+          find(step, "$(" + std::string{reference.text} +
                          ") is replaced before the first command runs, not by its result");
+      });
       if (const Use *result = use_of(step, Role::Result)) results.insert(result->text);
     }
   }
@@ -324,9 +338,9 @@ void left_behind(const Product &product, const Find &find) {
 void early_marker(const Product &product, const Find &find) {
   for (const Marker &marker : product.markers) {
     if (marker.last == nullptr || marker.made == marker.last) continue;
-    const Use *reference = use_of(*marker.test, Role::Reference);
-    if (reference != nullptr && !reference->closed) continue;
-    const std::string path = quoted(use_of(*marker.test, Role::Path)->text);
+    const Use &tested = *use_of(*marker.test, Role::Path);
+    if (!tested.references.empty() && !tested.references.front().closed) continue;
+    const std::string path = quoted(tested.text);
     if (marker.made == nullptr)
       find(*marker.test, "the install does not make " + path + ", which tells that it was done");
     else
@@ -335,11 +349,78 @@ void early_marker(const Product &product, const Find &find) {
   }
 }
 
-void lost_indentation(const Product &product, const Find &find) {
-  for (const Template &text : product.templates)
-    for (const TextLine &line : text.lines)
-      if (!text.blurb && (line.text.front() == ' ' || line.text.front() == '\t'))
-        find(text.file, line.line, "a line with a reference loses its indentation");
-}
+using enum Level;
+using enum Needs;
+using enum Line;
+
+// Rows of unequal length are more than the formatter can align.
+// clang-format off
+constexpr Rule table[] = {
+    {"place-form", Error,
+     "A directory to copy into ends in a separator, or has none in it.",
+     place_form, Nothing},
+    {"place-missing", Error,
+     "Nothing has made the directory that something is put into.",
+     place_missing},
+    {"source-missing", Error,
+     "The product's folder does not have what is copied.",
+     source_missing},
+    {"payload-entry", Error,
+     "Something in the product's folder cannot be copied.",
+     payload_entry},
+    {"file-expected", Error,
+     "A file is written to where a directory stands.",
+     file_expected},
+    {"nested-copy", Warning,
+     "A directory is copied into a directory of its own name.",
+     nested_copy},
+    {"pattern-in-path", Error,
+     "A wildcard stands where it is an ordinary character.",
+     pattern_in_path, Nothing},
+    {"bad-mode", Error,
+     "The mode is no octal number up to 7777.",
+     bad_mode},
+    {"mode-of-tree", Error,
+     "Directories get a mode with which nobody can enter them.",
+     mode_of_tree},
+    {"never-executable", Warning,
+     "A program is made and never made executable.",
+     never_executable},
+    {"owner-form", Error,
+     "The owner is not written as user or user:group.",
+     owner_form},
+    {"group-of-owner", Warning,
+     "No group of the user's name can be meant.",
+     group_of_owner},
+    {"matches-nothing", Error,
+     "The command finds nothing, which stops the run.",
+     matches_nothing},
+    {"may-match-nothing", Warning,
+     "The command may find nothing, which would stop the run.",
+     may_match_nothing},
+    {"may-be-empty", Warning,
+     "A setting that a removal or change begins with may be empty.",
+     may_be_empty},
+    {"exclusion-form", Error,
+     "A pattern can match nothing that it is compared with.",
+     exclusion_form, Nothing},
+    {"late-result", Error,
+     "A result of this section is used in a path, which was worked out before.",
+     late_result},
+    {"several-words", Error,
+     "WFile writes one word; the next is a control.",
+     several_words, Whole, Alone},
+    {"left-behind", Warning,
+     "The removal leaves something that the install makes.",
+     left_behind},
+    {"early-marker", Warning,
+     "What tells that the product is installed is not the last thing made.",
+     early_marker},
+};
+// clang-format on
+
+} // namespace
+
+std::span<const Rule> copy_rules() { return table; }
 
 } // namespace installer::check

@@ -1,6 +1,5 @@
 // Rules for the data file.
 
-#include "check/flow.h"
 #include "check/rules.h"
 #include "check/words.h"
 
@@ -62,8 +61,10 @@ private:
 template <class Look>
 void each_name_read(const Product &product, const CopySection &section, Look look) {
   for (const Step &step : section.steps)
-    for (const Use &use : step.uses)
-      if (use.role == Role::Reference || use.role == Role::Word) look(use.text);
+    for (const Use &use : step.uses) {
+      if (use.role == Role::Word) look(use.text);
+      for (const Named &reference : use.references) look(reference.text);
+    }
   for (const Template &text : product.templates)
     for (const CopySection *writer : text.sections)
       if (writer == &section)
@@ -104,8 +105,6 @@ bool has_script(const Product &product, const QuestSection &asked) {
   return std::any_of(product.scripts.begin(), product.scripts.end(),
                      [&](const CopySection &section) { return section.questions == &asked; });
 }
-
-} // namespace
 
 void assignment(const Product &product, const Find &find) {
   for (const DataLine &line : product.data)
@@ -233,5 +232,52 @@ void derived_value(const Product &product, const Find &find) {
     });
   }
 }
+
+using enum Level;
+using enum Needs;
+using enum Line;
+
+// Rows of unequal length are more than the formatter can align.
+// clang-format off
+constexpr Rule table[] = {
+    {"assignment", Error,
+     "Name and value are separated by more than blanks.",
+     assignment, Nothing, Alone},
+    {"quoted-value", Warning,
+     "Quotes around a value belong to it.",
+     quoted_value, Nothing},
+    {"comment-in-value", Warning,
+     "A # behind a value belongs to it.",
+     comment_in_value, Nothing},
+    {"header-in-data", Error,
+     "This file has no sections.",
+     header_in_data, Nothing, Alone},
+    {"repeated-setting", Error,
+     "Of two lines with one name the second is never seen.",
+     repeated_setting, Nothing, Alone},
+    {"program-setting", Error,
+     "The program sets this setting itself; the line has no effect.",
+     program_setting, Nothing, Alone},
+    {"empty-value", Error,
+     "A setting has no value yet where a text refers to it.",
+     empty_value},
+    {"circle", Error,
+     "The value of a setting leads back to itself.",
+     circle, Nothing},
+    {"misspelt-setting", Error,
+     "Nothing reads the setting, but one of a similar name is read.",
+     misspelt_setting},
+    {"unread-setting", Warning,
+     "Nothing reads the setting.",
+     unread_setting},
+    {"derived-value", Error,
+     "A value was worked out from the default of a question, and stays when the answer is another.",
+     derived_value},
+};
+// clang-format on
+
+} // namespace
+
+std::span<const Rule> data_rules() { return table; }
 
 } // namespace installer::check

@@ -1,6 +1,7 @@
 // Rules for all files: what the loaders remarked, and which sections there are.
 
 #include "check/rules.h"
+#include "check/sections.h"
 #include "check/words.h"
 
 #include "installer/lib.h"
@@ -11,7 +12,8 @@ namespace installer::check {
 
 namespace {
 
-void report_faults(const Product &product, const Find &find, FaultKind kind) {
+/// What a loader says as it stands.
+template <FaultKind kind> void fault_of(const Product &product, const Find &find) {
   for (const Fault &fault : product.faults)
     if (fault.kind == kind) find(fault.file, fault.line, fault.text);
 }
@@ -53,37 +55,6 @@ std::string remedy_for(const std::string &missing) {
   return {};
 }
 
-using SectionNames = std::unordered_set<std::string, FoldedName, FoldedName>;
-
-SectionNames sections_of(const Product &product, const std::string &file) {
-  SectionNames names;
-  for (const Header &header : product.headers)
-    if (*header.file == file) names.insert(header.meant);
-  return names;
-}
-
-} // namespace
-
-void unreadable_file(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::Unreadable);
-}
-
-void binary_file(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::Binary);
-}
-
-void byte_order_mark(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::ByteOrderMark);
-}
-
-void carriage_return(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::CarriageReturn);
-}
-
-void long_line(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::LongLine);
-}
-
 void unknown_keyword(const Product &product, const Find &find) {
   const Nearest init = keywords_of(product, product.init_file);
   const Nearest quest = keywords_of(product, product.quest_file);
@@ -116,8 +87,12 @@ void unread_words(const Product &product, const Find &find) {
                : "nothing reads " + quoted(fault.word) + " and what follows");
 }
 
-void outside_section(const Product &product, const Find &find) {
-  report_faults(product, find, FaultKind::Outside);
+void comment_behind(const Product &product, const Find &find) {
+  each_step(product, [&](const Step &step) {
+    const Use *control = use_of(step, Role::Control);
+    if (control != nullptr && control->text.starts_with('#'))
+      find(step, quoted(control->text) + " is a control here; a comment needs a line of its own");
+  });
 }
 
 void header_text(const Product &product, const Find &find) {
@@ -173,5 +148,67 @@ void missing_action(const Product &product, const Find &find) {
 void bad_switch(const Product &product, const Find &find) {
   for (const Fault &fault : product.bad_switches) find(fault.file, fault.line, fault.text);
 }
+
+using enum Level;
+using enum Needs;
+using enum Line;
+
+// Rows of unequal length are more than the formatter can align.
+// clang-format off
+constexpr Rule table[] = {
+    {"unreadable-file", Error,
+     "A file of the product is missing or cannot be read.",
+     fault_of<FaultKind::Unreadable>, Nothing},
+    {"binary-file", Error,
+     "The file holds a zero byte where the program stops reading.",
+     fault_of<FaultKind::Binary>, Nothing},
+    {"byte-order-mark", Error,
+     "The file begins with a byte order mark, which belongs to its first word.",
+     fault_of<FaultKind::ByteOrderMark>, Nothing, Alone},
+    {"carriage-return", Warning,
+     "Lines end with a carriage return.",
+     fault_of<FaultKind::CarriageReturn>, Nothing},
+    {"long-line", Error,
+     "What is behind the last character that a line may have is a line of its own.",
+     fault_of<FaultKind::LongLine>, Nothing, Alone},
+    {"unknown-keyword", Error,
+     "The first word of the line is no keyword of this file.",
+     unknown_keyword, Nothing, Alone},
+    {"missing-words", Error,
+     "The line lacks words and is dropped.",
+     missing_words, Nothing, Alone},
+    {"unread-words", Warning,
+     "The line has more words than are read.",
+     unread_words, Nothing},
+    {"comment-behind", Warning,
+     "A # behind the words of a line does not begin a comment.",
+     comment_behind, Nothing, Alone},
+    {"outside-section", Error,
+     "A line before the first section is never read.",
+     fault_of<FaultKind::Outside>, Nothing},
+    {"header-text", Error,
+     "Text behind the bracket of a header belongs to the section's name.",
+     header_text, Nothing, Alone},
+    {"repeated-section", Error,
+     "Of two sections with one name the second is never read.",
+     repeated_section, Nothing, Alone},
+    {"misspelt-section", Error,
+     "No action runs the section, but one of a similar name is missing.",
+     misspelt_section, Whole, Alone},
+    {"missing-section", Error,
+     "A section is in the question file or the copy script, but not in both.",
+     missing_section},
+    {"missing-action", Warning,
+     "The menu offers an upgrade or a removal for which there are no sections.",
+     missing_action},
+    {"bad-switch", Error,
+     "A comment that switches rules off is not understood.",
+     bad_switch, Nothing},
+};
+// clang-format on
+
+} // namespace
+
+std::span<const Rule> file_rules() { return table; }
 
 } // namespace installer::check

@@ -1,10 +1,11 @@
 // Rules for references and names of settings, in all files.
 
-#include "check/flow.h"
 #include "check/rules.h"
+#include "check/texts.h"
+#include "check/values.h"
 #include "check/words.h"
 
-#include "installer/lib.h"
+#include "installer/shared.h"
 
 #include <algorithm>
 #include <cstring>
@@ -15,18 +16,13 @@ namespace installer::check {
 namespace {
 
 /// True when something has set it by then, or may have; also where a line that is lost may have.
-bool has_value(const Use &use) {
-  return use.known != nullptr && (use.known->open || !use.known->values.empty());
+bool has_value(const KnownPtr &known) {
+  return known != nullptr && (known->open || !known->values.empty());
 }
 
 bool is_excused(const Product &product, std::string_view name) {
   const auto setting = product.settings.find(name);
   return setting != product.settings.end() && setting->second.excused;
-}
-
-bool is_setting(const Product &product, std::string_view name) {
-  const auto setting = product.settings.find(name);
-  return setting != product.settings.end() && setting->second.is_set();
 }
 
 /// A line that was dropped may have set what the data file only names.
@@ -35,47 +31,32 @@ bool is_lost(const Product &product, std::string_view name) {
   return product.dropped && setting != product.settings.end() && setting->second.data != nullptr;
 }
 
-std::string in_brackets(std::string_view name) { return "$(" + std::string{name} + ")"; }
-
 // ---- References ----
 
 /// References between values of the data file ignore letter case and the order of lines.
 void unknown_in_data(const Product &product, const Find &find) {
-  std::unordered_set<std::string_view, FoldedName, FoldedName> names = {"host", "system_dir",
-                                                                        "current_dir"};
+  std::unordered_set<std::string_view, FoldedName, FoldedName> names;
+  for (const OwnSetting &own : own_settings())
+    if (has(own.mode, Ini_Replace)) names.insert(own.name);
   for (const DataLine &line : product.data) names.insert(line.name);
   for (const DataLine &line : product.data)
     for (const Reference &reference : references(or_empty(text_of(line.value)))) {
       const bool fine = !reference.closed || names.contains(reference.name);
       if (fine || is_excused(product, reference.name)) continue;
       find(product.data_file, line.line,
-           reference.name == "action" ? "a reference to 'action' is removed here"
-                                      : not_set(product, reference.name));
+           reference.name == ActionSetting ? "a reference to 'action' is removed here"
+                                           : not_set(product, reference.name));
     }
 }
 
 void unknown_in_step(const Product &product, const Find &find, const Step &step,
                      const Names *results) {
-  for (const Use &use : step.uses) {
-    const bool looked_at = use.role == Role::Reference && use.closed && !has_value(use);
-    const bool late = results != nullptr && results->contains(use.text);
-    if (looked_at && !late && !is_excused(product, use.text))
-      find(step, not_set(product, use.text));
-  }
-}
-
-bool is_known_in(const Product &product, const CopySection *section, std::string_view name) {
-  if (const KnownPtr known = known_at_start(product, name); known != nullptr)
-    if (known->open || !known->values.empty()) return true;
-  if (section == nullptr) return false;
-  return section->sets.contains(name) ||
-         (section->questions != nullptr && section->questions->sets.contains(name));
-}
-
-/// What a shell understands and a packager does not mean for a setting.
-bool is_shell(const Template &text, const Reference &reference) {
-  const bool odd = reference.name.find_first_of(" \t(\"'|;<>&") != std::string_view::npos;
-  return odd || text.program;
+  each_reference(step, [&](const Named &reference) {
+    const bool looked_at = reference.closed && !has_value(reference.known);
+    const bool late = results != nullptr && results->contains(reference.text);
+    if (looked_at && !late && !is_excused(product, reference.text))
+      find(step, not_set(product, reference.text));
+  });
 }
 
 void unknown_in_template(const Product &product, const Find &find, const Template &text) {
@@ -90,8 +71,6 @@ void unknown_in_template(const Product &product, const Find &find, const Templat
         find(text.file, line.line, not_set(product, reference.name));
     }
 }
-
-bool is_replaced(Role role) { return role <= Role::Written; }
 
 // ---- Controls ----
 
@@ -187,9 +166,12 @@ private:
   std::unordered_map<std::string_view, const Step *> waiting_;
 };
 
-bool is_http(const Step &step) { return (step.type & IHTTP) != 0; }
-
-} // namespace
+/// A line that looks for the web server's settings, and finds either a result or that it is
+/// missing.
+bool may_miss(const Step &step) {
+  return std::any_of(step.uses.begin(), step.uses.end(),
+                     [](const Use &use) { return use.operand == Operand::Missing; });
+}
 
 void unknown_reference(const Product &product, const Find &find) {
   unknown_in_data(product, find);
@@ -219,21 +201,6 @@ void unclosed_reference(const Product &product, const Find &find) {
       for (const TextLine &line : text.lines) look(text.file, line.line, line.text);
 }
 
-void shell_reference(const Product &product, const Find &find) {
-  for (const Template &text : product.templates)
-    for (const TextLine &line : text.lines)
-      for (const Reference &reference : references(line.text)) {
-        const bool known = std::all_of(text.sections.begin(), text.sections.end(),
-                                       [&](const CopySection *section) {
-                                         return is_known_in(product, section, reference.name);
-                                       });
-        if (is_shell(text, reference) && !known)
-          find(text.file, line.line,
-               quoted(in_brackets(reference.name)) + " is a reference to no setting" +
-                   product.names.hint(reference.name));
-      }
-}
-
 void wrong_reference(const Product &product, const Find &find) {
   const auto look = [&](const std::string &file, std::size_t line, std::string_view text,
                         bool prose) {
@@ -255,7 +222,7 @@ void wrong_reference(const Product &product, const Find &find) {
 void reference_for_name(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     for (const Use &use : step.uses) {
-      const bool name = use.role >= Role::Result;
+      const bool name = is_name(use.role) || use.role == Role::Exclusions;
       if (use.wrapped) find(step, "the name of a setting is meant; write " + quoted(use.text));
       else if (name && has_reference(use.text))
         find(step, "no reference is replaced in " + quoted(use.text));
@@ -266,8 +233,7 @@ void reference_for_name(const Product &product, const Find &find) {
 void name_for_path(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     for (const Use &use : step.uses) {
-      const bool path = (use.role == Role::Path || use.role == Role::Place) &&
-                        use.text.find_first_of("/$") == std::string_view::npos;
+      const bool path = is_path(use.role) && use.text.find_first_of("/$") == std::string_view::npos;
       if (path && is_setting(product, use.text) &&
           find_entry(product.payload, Here + ("/" + std::string{use.text})) == nullptr)
         find(step, quoted(use.text) + " is a path here; write " + in_brackets(use.text) +
@@ -280,7 +246,8 @@ void unknown_setting(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     for (const Use &use : step.uses) {
       const bool reads = use.role == Role::Source || use.role == Role::Decision;
-      if (reads && !has_value(use) && !is_lost(product, use.text) && !is_excused(product, use.text))
+      if (reads && !has_value(use.known) && !is_lost(product, use.text) &&
+          !is_excused(product, use.text))
         find(step, not_set(product, use.text));
     }
   });
@@ -290,7 +257,7 @@ void unknown_control(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     const Use *control = use_of(step, Role::Control);
     const Use *compare = use_of(step, Role::Compare);
-    if (control == nullptr || has_value(*control) || control->text == "-") return;
+    if (control == nullptr || has_value(control->known) || control->text == "-") return;
     if (step.file == &product.init_file && compare == nullptr) return;
     if (!is_ungated(product, step) && !has_reference(control->text) &&
         !is_lost(product, control->text) && !is_excused(product, control->text))
@@ -326,19 +293,17 @@ void control_alone(const Product &product, const Find &find) {
                        std::string{control->text} + " true'");
 }
 
-void comment_behind(const Product &product, const Find &find) {
-  each_step(product, [&](const Step &step) {
-    const Use *control = use_of(step, Role::Control);
-    if (control != nullptr && control->text.starts_with('#'))
-      find(step, quoted(control->text) + " is a control here; a comment needs a line of its own");
+bool is_fixed(std::string_view name) {
+  const auto own = own_settings();
+  return std::any_of(own.begin(), own.end(), [=](const OwnSetting &setting) {
+    return setting.name == name && has(setting.mode, Ini_Fixed);
   });
 }
 
 void fixed_setting(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     for (const Use &use : step.uses)
-      if (use.role == Role::Result &&
-          (use.text == "host" || use.text == "system_dir" || use.text == "current_dir"))
+      if (use.role == Role::Result && is_fixed(use.text))
         find(step, quoted(use.text) + " is set by the program and cannot be changed");
   });
 }
@@ -346,11 +311,10 @@ void fixed_setting(const Product &product, const Find &find) {
 void lost_result(const Product &product, const Find &find) {
   Pending init{product};
   for (const Step &step : product.init_steps)
-    if (!is_http(step)) init.run(step, false, find);
+    if (!may_miss(step)) init.run(step, false, find);
   for (const CopySection &section : product.scripts) {
     Pending copy{product};
-    for (const Step &step : section.steps)
-      copy.run(step, static_cast<CType>(step.type) == CType::CpyIni, find);
+    for (const Step &step : section.steps) copy.run(step, step.deed == Deed::Fills, find);
   }
 }
 
@@ -358,8 +322,9 @@ void bad_action(const Product &product, const Find &find) {
   for (const Step &step : product.init_steps) {
     const Use *result = use_of(step, Role::Result);
     const Use *word = use_of(step, Role::Word);
-    const bool action = result != nullptr && result->text == "action" && word != nullptr;
-    if (result != nullptr && word != nullptr && word->text == "action" && step.type == ICopy)
+    const bool action = result != nullptr && result->text == ActionSetting && word != nullptr;
+    if (result != nullptr && word != nullptr && word->text == ActionSetting &&
+        step.deed == Deed::Copies)
       find(step, "this sets " + quoted(result->text) + "; did you mean 'Copy action " +
                      std::string{result->text} + "'?");
     if (action && word->known == nullptr && word->text != "install" && word->text != "upgrade")
@@ -369,5 +334,58 @@ void bad_action(const Product &product, const Find &find) {
                                                                            : ""));
   }
 }
+
+using enum Level;
+using enum Needs;
+using enum Line;
+
+// Rows of unequal length are more than the formatter can align.
+// clang-format off
+constexpr Rule table[] = {
+    {"unknown-reference", Error,
+     "A reference names a setting that has no value there.",
+     unknown_reference},
+    {"unclosed-reference", Error,
+     "A reference lacks its closing bracket.",
+     unclosed_reference, Nothing},
+    {"wrong-reference", Error,
+     "A setting is referred to as another language would do it.",
+     wrong_reference, Whole, Alone},
+    {"reference-for-name", Error,
+     "A reference stands where it is not replaced, or where a name is meant.",
+     reference_for_name, Nothing, Alone},
+    {"name-for-path", Error,
+     "The name of a setting stands where a path is meant.",
+     name_for_path, Whole, Alone},
+    {"unknown-setting", Error,
+     "A line reads a setting that has no value there.",
+     unknown_setting},
+    {"unknown-control", Error,
+     "A control has no value there, so it decides nothing.",
+     unknown_control},
+    {"never-true", Error,
+     "A control can never have the value that it is compared with.",
+     never_true},
+    {"comparison-alone", Error,
+     "A comparison has no control.",
+     comparison_alone, Nothing},
+    {"control-alone", Error,
+     "A control has no comparison, without which it decides nothing here.",
+     control_alone, Nothing},
+    {"fixed-setting", Error,
+     "A line sets a setting that cannot be changed.",
+     fixed_setting, Nothing},
+    {"lost-result", Error,
+     "A second result for a setting is kept behind the first, which stays its value.",
+     lost_result},
+    {"bad-action", Error,
+     "The action can only be install or upgrade.",
+     bad_action, Nothing},
+};
+// clang-format on
+
+} // namespace
+
+std::span<const Rule> name_rules() { return table; }
 
 } // namespace installer::check

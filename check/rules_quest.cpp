@@ -1,8 +1,7 @@
 // Rules for the questions.
 
-#include "check/effect.h"
-#include "check/flow.h"
 #include "check/rules.h"
+#include "check/values.h"
 #include "check/words.h"
 
 #include "installer/lib.h"
@@ -78,8 +77,6 @@ bool may_be_asked(const Step &step) {
   const bool other = compare->known != nullptr && compare->known->value;
   return std::string{value} == (other ? *compare->known->value : std::string{compare->text});
 }
-
-} // namespace
 
 void loop_target(const Product &product, const Find &find) {
   each_jump(product, [&](const Jump &jump) {
@@ -168,7 +165,7 @@ void long_prompt(const Product &product, const Find &find) {
   each_question(product, [&](const QuestSection &, const Step &step) {
     const Use *text = use_of(step, Role::Shown);
     const Use &setting = *use_of(step, Role::Result);
-    const Text prompt = text != nullptr ? value_of(product, step, *text) : Text{};
+    const Text prompt = text != nullptr ? value_of(product, *text) : Text{};
     const std::size_t answer =
         setting.known != nullptr && setting.known->value ? setting.known->value->size() : 0;
     if (prompt && prompt->size() + answer + 4 > LongestPrompt)
@@ -182,5 +179,46 @@ void ignored_control(const Product &product, const Find &find) {
       if (step.type == QCopy && (use_of(step, Role::Control) || use_of(step, Role::Compare)))
         find(step, "a Copy is always done; write '-' for control and comparison");
 }
+
+using enum Level;
+using enum Needs;
+using enum Line;
+
+// Rows of unequal length are more than the formatter can align.
+// clang-format off
+constexpr Rule table[] = {
+    {"loop-target", Error,
+     "A Loop does not name the number of an entry.",
+     loop_target, Nothing},
+    {"loop-end", Warning,
+     "A Loop goes behind the last entry, which ends the questions.",
+     loop_end, Nothing},
+    {"loop-repeats", Error,
+     "A Loop repeats for ever, at least unattended.",
+     loop_repeats},
+    {"no-default", Warning,
+     "A question has no default for an unattended run.",
+     no_default},
+    {"letter-default", Error,
+     "A default of a lone q or b quits, or goes back.",
+     letter_default},
+    {"yes-no-default", Error,
+     "The default of a yes-or-no question is neither.",
+     yes_no_default},
+    {"error-reference", Error,
+     "The text of Error is shown with its references as they are written, but in [upgrade].",
+     error_reference, Nothing},
+    {"long-prompt", Warning,
+     "A prompt is longer than 999 characters.",
+     long_prompt, Nothing},
+    {"ignored-control", Error,
+     "The control of a Copy has no effect.",
+     ignored_control, Nothing},
+};
+// clang-format on
+
+} // namespace
+
+std::span<const Rule> quest_rules() { return table; }
 
 } // namespace installer::check

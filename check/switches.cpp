@@ -46,7 +46,7 @@ private:
 
   static std::string hint(const std::string &name) {
     Nearest near;
-    for (const Rule &rule : rules()) near.add(rule.name);
+    for (const Rule *rule : all_rules()) near.add(rule->name);
     return near.hint(name);
   }
 

@@ -23,6 +23,11 @@ struct Reference {
   return text.find("$(") != std::string_view::npos;
 }
 
+/// The reference to a setting: "$(name)".
+[[nodiscard]] inline std::string in_brackets(std::string_view name) {
+  return "$(" + std::string{name} + ")";
+}
+
 /// `word` between single quotes, a long one cut, control characters as "?".
 [[nodiscard]] std::string quoted(std::string_view word);
 

@@ -12,12 +12,15 @@ void installer::fuzz(const std::string &input, Ini ini) {
   int found = 0;
   std::uint32_t i = 0;
   for (const Line &line : lines_of(input, CopyLines, found)) {
-    std::size_t needed = 4;
-    for (const CopyCommand &command : copy_commands())
-      if (s_stricmp(command.word, line[1].c_str()) == 0) needed = 1 + command.slots.size();
+    std::size_t needed = 4, more = 3; // words, and those that a control and a message may have
+    for (const CopyCommand &command : copy_commands()) {
+      if (s_stricmp(command.word, line[1].c_str()) != 0) continue;
+      const bool message = command.slots.back().missing == nullptr;
+      needed = 1 + command.slots.size() - (message ? 1 : 0);
+      more = message ? 1 : 3;
+    }
     if (line.size() <= needed && !line.cut) continue;
-    const bool error = s_stricmp(line[1].c_str(), "Error") == 0;
-    const bool cut = line.cut && line.size() <= needed + (error ? 1 : 3);
+    const bool cut = line.cut && line.size() <= needed + more;
     check(script.list[i].cut == (cut || line.continued) && script.list[i].line == line.number);
     if (line.size() <= needed && ++i > 0) continue;
     const std::string source = or_empty(copy_src(&script, i));

@@ -31,7 +31,9 @@ constexpr CopySlot path_slots[] = {source_slot(Operand::Path)};
 constexpr CopySlot pair_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Path)};
 constexpr CopySlot write_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Value)};
 constexpr CopySlot result_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Result)};
-constexpr CopySlot decision_slots[] = {source_slot(Operand::Decision)};
+constexpr CopySlot decision_slots[] = {
+    source_slot(Operand::Decision), {&copy_cmd::dest, "error string", nullptr, Operand::Message}
+};
 
 /// A command that copies no bytes.
 template <auto operation> int run(pCopy x, std::uint32_t index, std::uint64_t * /*bytes*/) {
@@ -43,22 +45,25 @@ int run_unknown(pCopy x, std::uint32_t index, std::uint64_t * /*bytes*/) {
   return file_failure(sink, "unknown command", copy_src(x, index), {}, "How did we get here!");
 }
 
+constexpr bool Trees = true;
+constexpr bool Single = false;
 constexpr CopyCommand commands[] = {
-    {"CopyFile", CType::CpyFile, copy_slots,     copy_files         },
-    {"CopyDir",  CType::CpyDir,  copy_slots,     copy_files         },
-    {"MkDir",    CType::MkDir,   path_slots,     run<copy_mkdir>    },
-    {"Ini",      CType::CpyIni,  pair_slots,     run<copy_write_ini>},
-    {"Rename",   CType::Rename,  pair_slots,     run<copy_rename>   },
-    {"RmFile",   CType::RmFile,  removal_slots,  run<copy_remove>   },
-    {"RmDir",    CType::RmDir,   removal_slots,  run<copy_remove>   },
-    {"Exist",    CType::Exist,   result_slots,   run<copy_exist>    },
-    {"Chown",    CType::Chown,   chown_slots,    run<copy_chown>    },
-    {"Chmod",    CType::Chmod,   chmod_slots,    run<copy_chmod>    },
-    {"Error",    CType::Error,   decision_slots, run<copy_seterror> },
-    {"WFile",    CType::WFile,   write_slots,    run<copy_wfile>    },
-    {"RFile",    CType::RFile,   result_slots,   run<copy_rfile>    },
+    {"CopyFile", CType::CpyFile, Deed::Copies,  Single, copy_slots,     copy_files         },
+    {"CopyDir",  CType::CpyDir,  Deed::Copies,  Trees,  copy_slots,     copy_files         },
+    {"MkDir",    CType::MkDir,   Deed::Makes,   Single, path_slots,     run<copy_mkdir>    },
+    {"Ini",      CType::CpyIni,  Deed::Fills,   Single, pair_slots,     run<copy_write_ini>},
+    {"Rename",   CType::Rename,  Deed::Moves,   Trees,  pair_slots,     run<copy_rename>   },
+    {"RmFile",   CType::RmFile,  Deed::Removes, Single, removal_slots,  run<copy_remove>   },
+    {"RmDir",    CType::RmDir,   Deed::Removes, Trees,  removal_slots,  run<copy_remove>   },
+    {"Exist",    CType::Exist,   Deed::Tests,   Single, result_slots,   run<copy_exist>    },
+    {"Chown",    CType::Chown,   Deed::Changes, Trees,  chown_slots,    run<copy_chown>    },
+    {"Chmod",    CType::Chmod,   Deed::Changes, Trees,  chmod_slots,    run<copy_chmod>    },
+    {"Error",    CType::Error,   Deed::Stops,   Single, decision_slots, run<copy_seterror> },
+    {"WFile",    CType::WFile,   Deed::Writes,  Single, write_slots,    run<copy_wfile>    },
+    {"RFile",    CType::RFile,   Deed::Reads,   Single, result_slots,   run<copy_rfile>    },
 };
-constexpr CopyCommand unknown_command = {nullptr, static_cast<CType>(0), copy_slots, run_unknown};
+constexpr CopyCommand unknown_command = {
+    nullptr, static_cast<CType>(0), Deed::Stops, Single, copy_slots, run_unknown};
 
 /// The line that is being read. `rest`: what has not been taken of it yet.
 struct CommandLine {
@@ -91,7 +96,8 @@ bool read_field(Text &field, const char *name, const char *missing, CommandLine 
 bool read_slots(CCmd &command, std::span<const CopySlot> slots, CommandLine &line) {
   bool complete = true;
   for (const CopySlot &slot : slots)
-    complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
+    if (slot.operand != Operand::Message)
+      complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
   return complete;
 }
 
@@ -121,7 +127,7 @@ void load_command(pCopy x, CommandLine line) {
   command.line = line.lines.number();
   dmsg("Copy line 'type' is [%d]", static_cast<int>(command.type));
   const bool complete = read_slots(command, keyword.slots, line);
-  const bool message = command.type == CType::Error;
+  const bool message = keyword.slots.back().operand == Operand::Message;
   if (complete && !message) read_control(command, line);
   // Words behind the last field, and a message, may be cut.
   const bool cut = line.lines.cut() && *line.rest == '\0';

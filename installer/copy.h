@@ -6,6 +6,7 @@
 // References "$(name)" in `source` and `dest` are expanded once, while the script is loaded; what a
 // command does with settings while the script runs is read and written then.
 
+#include "installer/deed.h"
 #include "installer/file.h"
 #include "installer/ini.h"
 #include "installer/lib.h"
@@ -58,26 +59,8 @@ struct copy_cmd {
 };
 using CCmd = copy_cmd;
 
-/// What an operand of a command means. `Pattern`: a directory and a pattern for its entries;
-/// `Bounded`: the same of a command that changes or removes what it finds, and therefore refuses
-/// emptied settings and all of the root directory; `Directories`: a directory and a pattern for the
-/// directories in it; `Value`: a setting, or the text itself when it has no value; `Decision`: a
-/// setting that says yes or no; `Result`: a setting that is set.
-enum class Operand {
-  Pattern,
-  Bounded,
-  Path,
-  Directories,
-  Exclusions,
-  Owner,
-  Mode,
-  Value,
-  Decision,
-  Result,
-};
-
-/// A field that a command line must have. `name`: in the debug log; `missing`: the error when it is
-/// not there.
+/// A field of a command line. `name`: in the debug log; `missing`: the error when it is not there,
+/// null for one that may be missing.
 struct CopySlot {
   Text copy_cmd::*field;
   const char *name;
@@ -85,14 +68,19 @@ struct CopySlot {
   Operand operand;
 };
 
+/// Lines of the templates of `Ini` are read in pieces of this size, terminator included.
+inline constexpr std::size_t TemplateLineSize = 3000;
+
 struct copy;
 
-/// All about one keyword: its fields in the order of the line, and the function that runs it (see
-/// below). `Error` takes the rest of its line as `dest`; all others may end with a control and a
-/// comparison.
+/// All about one keyword: what it does (`trees`: also with directories and all that they hold), its
+/// fields in the order of the line, and the function that runs it (see below). One that does not
+/// end with a message may end with a control and a comparison.
 struct CopyCommand {
   const char *word;
   CType type;
+  Deed deed;
+  bool trees;
   std::span<const CopySlot> slots;
   int (*run)(copy *x, std::uint32_t index, std::uint64_t *bytes);
 };

@@ -15,7 +15,6 @@ namespace installer {
 
 namespace {
 
-constexpr std::size_t TemplateLineSize = 3000;
 constexpr std::size_t OperandSize = 1000;
 
 Text last_error;
@@ -114,7 +113,7 @@ std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
 
 int copy_into(pCopy x, std::uint32_t index, Copying &copying, const Operands &source,
               const Target &into) {
-  const bool trees = x->list[index].type == CType::CpyDir;
+  const bool trees = copy_command(x->list[index].type).trees;
   const char *path = source.path.c_str();
   Entries entries{path, source.file.c_str(), missed_at_top(x, index, true)};
   if (!entries) imsg("No files found to copy in '%s' matching '%s'", path, source.file.c_str());
@@ -342,7 +341,7 @@ int copy_remove(pCopy x, std::uint32_t index) {
   Operands source;
   if (!split_source(x, index, source)) return 0;
   const char *exclude = copy_not(x, index);
-  const bool trees = x->list[index].type == CType::RmDir;
+  const bool trees = copy_command(x->list[index].type).trees;
   Entries entries{source.path.c_str(), source.file.c_str(), missed_at_top(x, index, false)};
   if (!entries) report_nothing(x, index);
   int count = 0;

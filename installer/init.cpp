@@ -77,24 +77,19 @@ Cause run_rfile(Ini ini, const init_item &item, const char *path) {
   return {};
 }
 
-using enum InitOperand;
+using enum Operand;
+using enum Deed;
 constexpr InitCommand commands[] = {
-    {"Exist",        IExist,        Path,   Result,  "test",  run_exist    },
-    {"Copy",         ICopy,         Result, Value,   nullptr, run_copy     },
-    {"HTTP_User",    IHTTP_User,    Result, Missing, nullptr, run_http     },
-    {"HTTP_Group",   IHTTP_Group,   Result, Missing, nullptr, run_http     },
-    {"HTTP_Root",    IHTTP_Root,    Result, Missing, nullptr, run_http     },
-    {"HTTP_Scripts", IHTTP_Scripts, Result, Missing, nullptr, run_http     },
-    {"TimeDate",     ITimeDate,     Format, Result,  nullptr, run_time_date},
-    {"WFile",        IWFile,        Path,   Value,   "write", run_wfile    },
-    {"RFile",        IRFile,        Path,   Result,  "read",  run_rfile    },
+    {"Exist",        IExist,        Tests,  Path,   Result,  "test",  run_exist    },
+    {"Copy",         ICopy,         Copies, Result, Value,   nullptr, run_copy     },
+    {"HTTP_User",    IHTTP_User,    Reads,  Result, Missing, nullptr, run_http     },
+    {"HTTP_Group",   IHTTP_Group,   Reads,  Result, Missing, nullptr, run_http     },
+    {"HTTP_Root",    IHTTP_Root,    Reads,  Result, Missing, nullptr, run_http     },
+    {"HTTP_Scripts", IHTTP_Scripts, Reads,  Result, Missing, nullptr, run_http     },
+    {"TimeDate",     ITimeDate,     Fills,  Format, Result,  nullptr, run_time_date},
+    {"WFile",        IWFile,        Writes, Path,   Value,   "write", run_wfile    },
+    {"RFile",        IRFile,        Reads,  Path,   Result,  "read",  run_rfile    },
 };
-
-const InitCommand *find_mode(IItemMode mode) {
-  for (const InitCommand &command : commands)
-    if (command.mode == mode) return &command;
-  return nullptr;
-}
 
 Text word_or_none(const char *word) { return std::strcmp(word, "-") == 0 ? Text{} : Text{word}; }
 
@@ -150,7 +145,7 @@ Fault failed(const init_s &script, const init_item &item, const InitCommand &com
 }
 
 void run_item(const init_s &script, const init_item &item, Ini ini, const Faults &faults) {
-  const InitCommand *command = find_mode(item.mode);
+  const InitCommand *command = init_command(item.mode);
   if (command == nullptr || !gate_open(ini, item)) return;
   char path[PathSize] = "";
   if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0) {
@@ -167,6 +162,12 @@ void run_item(const init_s &script, const init_item &item, Ini ini, const Faults
 } // namespace
 
 std::span<const InitCommand> init_commands() { return commands; }
+
+const InitCommand *init_command(IItemMode mode) {
+  for (const InitCommand &command : commands)
+    if (command.mode == mode) return &command;
+  return nullptr;
+}
 
 Init init_init() { return new init_s; }
 

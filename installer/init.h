@@ -14,6 +14,7 @@
 //     RFile     path     setting    setting = contents of the file
 
 #include "installer/array.h"
+#include "installer/deed.h"
 #include "installer/ini.h"
 #include "installer/lib.h"
 #include "installer/lines.h"
@@ -52,24 +53,24 @@ struct init_item {
 };
 using IItem = init_item *;
 
-/// What an argument of an item means: a path, a setting that is set or one that is read, a setting
-/// that becomes "true" when there is no value, or a setting or else the text itself.
-enum class InitOperand { Path, Result, Format, Missing, Value };
-
-/// All about one keyword: what its arguments `a` and `b` mean, and the function that runs it, to
-/// which a path arrives with its references replaced, and which returns why it failed, if it did.
-/// `doing`: what it does with the path in `a`, for its error line; null when `a` is none.
+/// All about one keyword: what it does, what its arguments `a` and `b` mean, and the function that
+/// runs it, to which a path arrives with its references replaced, and which returns why it failed,
+/// if it did. `doing`: what it does with the path in `a`, for its error line; null when `a` is
+/// none.
 struct InitCommand {
   const char *word;
   IItemMode mode;
-  InitOperand a;
-  InitOperand b;
+  Deed deed;
+  Operand a;
+  Operand b;
   const char *doing;
   Cause (*run)(Ini ini, const init_item &item, const char *path);
 };
 
 /// All keywords; they are compared with case.
 [[nodiscard]] std::span<const InitCommand> init_commands();
+/// The row of a mode, or null.
+[[nodiscard]] const InitCommand *init_command(IItemMode mode);
 
 /// A loaded script: the items in file order, owned, and the path of the file.
 struct init_s {

@@ -85,7 +85,7 @@ bool dispatch(Run &run, int number) {
 }
 
 void run_menu(Run &run) {
-  const bool upgrade = s_strcmp(ini_value_name(run.ini, "action"), "upgrade") == 0;
+  const bool upgrade = s_strcmp(ini_value_name(run.ini, ActionSetting), "upgrade") == 0;
   const int action = upgrade ? UpgradeChoice : InstallChoice;
   print_header(run.ini);
   while (!dispatch(run, ask_choice(run.ini, action))) {
@@ -195,7 +195,7 @@ Status run_to_the_end(const CommandLine &line) {
 } // namespace
 
 const char *product_name(Ini ini) {
-  const char *product = ini_value_name(ini, "product");
+  const char *product = ini_value_name(ini, ProductSetting);
   return product != nullptr ? product : "NONAME";
 }
 

@@ -12,28 +12,31 @@ namespace {
 /// The bootstrap settings, with an end record; empty while none are loaded.
 std::vector<SettingList> _settings;
 
-void add_record(const char *setting, const char *value, SettingMode mode) {
-  _settings.push_back({setting, value, mode});
-}
+void read_host(char *value, std::size_t size) { tcp_hostname(value, static_cast<unsigned>(size)); }
+void read_system_dir(char *value, std::size_t size) { systemdir(value, size); }
+void read_current_dir(char *value, std::size_t size) { currentdir(value, size); }
+void read_action(char *value, std::size_t size) { scpy(value, "install", size); }
+
+constexpr SettingMode Fixed = Ini_Replace | Ini_Fixed;
+constexpr OwnSetting own[] = {
+    {"host",        Fixed,    Differs::WithMachine, read_host       },
+    {"system_dir",  Fixed,    Differs::Never,       read_system_dir },
+    {"current_dir", Fixed,    Differs::WithFolder,  read_current_dir},
+    {ActionSetting, Ini_None, Differs::Never,       read_action     },
+};
 
 void add_own_settings() {
-  constexpr SettingMode machine = Ini_Replace | Ini_Fixed;
-  char value[LineSize];
-  const auto add_machine = [&value](const char *setting) {
-    imsg("%s=%s", setting, value);
-    add_record(setting, value, machine);
-  };
-  tcp_hostname(value, sizeof value);
-  add_machine("host");
-  systemdir(value, sizeof value);
-  add_machine("system_dir");
-  currentdir(value, sizeof value);
-  add_machine("current_dir");
-  imsg("action=install");
-  add_record("action", "install", Ini_None);
+  char value[LineSize] = "";
+  for (const OwnSetting &setting : own) {
+    setting.read(value, sizeof value);
+    imsg("%s=%s", setting.name, value);
+    _settings.push_back({setting.name, value, setting.mode});
+  }
 }
 
 } // namespace
+
+std::span<const OwnSetting> own_settings() { return own; }
 
 int load_datfile(Ini ini, const char *file, const Faults &faults) {
   if (ini == nullptr || file == nullptr) return 0;

@@ -8,9 +8,28 @@
 #include "installer/lines.h"
 #include "installer/log.h"
 
+#include <cstddef>
+#include <span>
 #include <vector>
 
 namespace installer {
+
+/// A setting of the installer's own, which comes before the lines of the file. `mode`: how the
+/// store keeps it; `differs`: what it depends on; `read`: puts its value into a buffer of `size`
+/// bytes.
+enum class Differs { Never, WithMachine, WithFolder };
+struct OwnSetting {
+  const char *name;
+  SettingMode mode;
+  Differs differs;
+  void (*read)(char *value, std::size_t size);
+};
+[[nodiscard]] std::span<const OwnSetting> own_settings();
+
+/// The settings that the program itself reads: what is installed, and the action that the menu
+/// offers.
+inline constexpr const char *ProductSetting = "product";
+inline constexpr const char *ActionSetting = "action";
 
 /// Fills the empty store `ini` from `file` and resolves the references between its values. The
 /// installer's own four come first, so a line of the file that names one of them is never seen.

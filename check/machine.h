@@ -1,8 +1,10 @@
 #pragma once
 
-// The model of a machine: plain paths (words.h) and what stands there.
+// The model of a machine: plain paths (words.h) and what stands there, and what the commands of the
+// copy script do to it. Settings have their values of an unattended run; a command with a control
+// is taken to run when that makes fewer findings.
 
-#include "check/payload.h"
+#include "check/model.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace installer::check {
@@ -61,6 +64,49 @@ private:
   TreeNodes nodes_;
   std::size_t *left_;
   bool lost_ = false;
+};
+
+/// A path as the copy module splits it: a directory, and a pattern for its entries.
+struct Split {
+  std::string dir, wild;
+};
+[[nodiscard]] Split split(const Product &product, const Use &use);
+/// True for the directory itself and all below it.
+[[nodiscard]] bool is_in(std::string_view path, std::string_view dir);
+/// The path of an entry of a directory.
+[[nodiscard]] std::string joined(const std::string &dir, const std::string &name);
+
+/// The directories that are the product's own, as plain paths.
+using Own = std::unordered_set<std::string>;
+
+/// One section at work on a tree. `removes`: it is the removal. All are lent.
+class Worker {
+public:
+  Worker(const Product &product, const Own &own, Tree &tree, bool removes)
+      : product_(product), own_(own), tree_(tree), removes_(removes) {}
+
+  /// Carries out one command, and says what it did.
+  void run(const Step &step, Effect &effect);
+
+private:
+  void copy(const Step &step, Effect &effect);
+  void copy_tree(const Step &step, const std::string &from, const std::string &to, Effect &effect);
+  void copy_one(const Step &step, const std::string &from, const std::string &to, Effect &effect);
+  void make(const Step &step);
+  void write(const Step &step, Effect &effect, const Use &path, bool program);
+  void fill(const Step &step, Effect &effect);
+  void rename(const Step &step, Effect &effect);
+  void remove(const Step &step, Effect &effect);
+  void change(const Step &step, Effect &effect);
+  std::vector<std::string> find(const Use &source, Effect &effect) const;
+  [[nodiscard]] bool is_own(std::string_view path) const;
+  void check_place(std::string_view place, Effect &effect) const;
+  [[nodiscard]] TreeNode node(const Step &step, bool directory) const;
+
+  const Product &product_;
+  const Own &own_;
+  Tree &tree_;
+  bool removes_;
 };
 
 } // namespace installer::check
