@@ -103,7 +103,7 @@ TEST(Fault, EverySystemCallFailingOrKilledOnce) {
 
 enum Action { Install, Upgrade, Remove };
 struct Product {
-  std::string name;
+  std::string title, name; // `name`: the program's
   void (*write)();
 };
 
@@ -237,7 +237,9 @@ static bool hold_removal(const Product &product, int place) {
   return true;
 }
 
-TEST_P(CutShort, RemovalLeavesWhatCanBeRemovedOrInstalled) {
+struct Removal : CutShort {};
+
+TEST_P(Removal, LeavesWhatCanBeRemovedOrInstalled) {
   if (!can_trace() || run_isolated("true") != 0) GTEST_SKIP() << "no tracer or name space";
   const auto copy = [](const char *from, const char *to) {
     fs::remove_all(to);
@@ -260,11 +262,33 @@ TEST_P(CutShort, RemovalLeavesWhatCanBeRemovedOrInstalled) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(, CutShort,
-                         testing::Values(Product{"noticeboard", write_demo},
-                                         Product{"hello", write_hello},
-                                         Product{"notes", write_notes}),
-                         [](const auto &product) { return product.param.name; });
+/// Writes a pattern to be installed below "out".
+static void write_below_out(const std::string &pattern) {
+  write_pattern(pattern);
+  move_pattern("out/");
+}
+
+static std::string title_of(const testing::TestParamInfo<Product> &product) {
+  return product.param.title;
+}
+
+static const Product products[] = {
+    {"demo",  "noticeboard", write_demo },
+    {"hello", "hello",       write_hello},
+    {"notes", "notes",       write_notes},
+};
+/// Those with a removal of their own; the others have that of "base".
+static const Product patterns[] = {
+    {"base",     "notes", [] { write_below_out("base"); }    },
+    {"remember", "notes", [] { write_below_out("remember"); }},
+    {"again",    "notes", [] { write_below_out("again"); }   },
+    {"back",     "notes", [] { write_below_out("back"); }    },
+    {"hosts",    "notes", [] { write_below_out("hosts"); }   },
+};
+
+INSTANTIATE_TEST_SUITE_P(, CutShort, testing::ValuesIn(products), title_of);
+INSTANTIATE_TEST_SUITE_P(OfProduct, Removal, testing::ValuesIn(products), title_of);
+INSTANTIATE_TEST_SUITE_P(OfPattern, Removal, testing::ValuesIn(patterns), title_of);
 
 static void limit(int resource, ::rlim_t most) {
   const struct ::rlimit limits = {most, most};

@@ -47,12 +47,6 @@ TEST(Manual, ExampleProductRuns) {
     EXPECT_EQ(read_log("notes.log").find(fault), std::string::npos) << read_log("notes.log");
 }
 
-/// Puts the files of one product of a page here; they carry its name and a slash.
-static void place_product(const Tree &page, const std::string &name) {
-  for (const auto &[file, text] : page)
-    if (file.starts_with(name + "/")) write_file(file.substr(name.size() + 1), text);
-}
-
 TEST(Manual, PatternsDoWhatTheySay) {
   const Tree page = read_page("installer-patterns.7");
   const struct {
@@ -98,7 +92,14 @@ echo newer >files/bin/notesd; mkdir -p target.new/junk; ./notes -automate
 grep newer target/bin/notesd; fails test -e target/junk
 ./notes -automate -special back; grep -x new target/bin/notesd
 ./notes -automate; rm -r target; ./notes -automate -special back; grep -x new target/bin/notesd
-./notes -automate -special back | grep 'no version')"},
+./notes -automate -special back | grep 'no version'
+strace -o trace true || exit 0
+for call in 1 2 3; do
+  ./notes -automate; echo $call >files/bin/notesd
+  fails strace -o trace -e inject=renameat:signal=KILL:when=$call ./notes -automate
+  fails test -e target.old -a ! -e target.old/installed; ./notes -automate
+  grep mine target/etc/notes.conf; grep $call target/bin/notesd
+done; ./notes -automate -special remove; fails test -e target.old)"},
       {"replay",   R"(
 printf '1\n%s\n\n' $PWD/else | sh -e first.sh; modes 600 answers; mv else kept
 sh -e others.sh; diff -r kept else)"},
@@ -111,14 +112,10 @@ echo prot 1 >>answers; sh install.sh 2>reasons && exit 1; test $? = 2; grep answ
   };
   for (const auto &[pattern, script] : rows) {
     const TempDir folder;
-    place_product(page, "base");
-    place_product(page, pattern);
-    for (const char *file : {"bin/notesd", "share/page.html", "share/lang/en.txt"})
-      write_file(std::string{"files/"} + file, file);
+    write_pattern(pattern);
     write_file("key", "S3cret");
-    write_file("notes.dat", "dir $(current_dir)/target\nstate $(current_dir)/state\n" +
-                                read_file("notes.dat")); // the first of a name wins
-    fs::create_symlink(INSTALLER_PROGRAM, "notes");
+    EXPECT_EQ(std::system(INSTALLER_CHECK " -strict >out 2>&1"), 0) << pattern << read_file("out");
+    move_pattern("");
     write_file("script",
                "fails() { if \"$@\"; then return 1; fi; }\n"
                "modes() { mode=$1; shift; test -z \"$(find \"$@\" -prune ! -perm $mode)\"; }\n" +

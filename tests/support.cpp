@@ -170,6 +170,33 @@ void write_notes() {
   preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
 }
 
+/// The text of a script, and those sections of another one that it does not have.
+static std::string with_sections(std::string own, const std::string &other) {
+  static const std::regex sections{R"((\[\w+\]\n)[^\[]*)"};
+  for (std::sregex_iterator it{other.begin(), other.end(), sections}, end; it != end; ++it)
+    if (own.find(it->str(1)) == own.npos) own += "\n" + it->str();
+  return own;
+}
+
+void write_pattern(const std::string &name) {
+  for (const std::string &product : {std::string{"base/"}, name + "/"})
+    for (const auto &[path, text] : read_page("installer-patterns.7")) {
+      if (!path.starts_with(product)) continue;
+      const std::string file = path.substr(product.size());
+      const bool script = file.ends_with(".q") || file.ends_with(".cpy");
+      write_file(file, script ? with_sections(text, read_file(file)) : text);
+    }
+  for (const char *file : {"bin/notesd", "share/page.html", "share/lang/en.txt"})
+    write_file(std::string{"files/"} + file, file);
+  fs::create_symlink(INSTALLER_PROGRAM, "notes");
+}
+
+void move_pattern(const std::string &place) {
+  const std::string here = "$(current_dir)/" + place;
+  write_file("notes.dat", "dir " + here + "target\nstate " + here + "state\n" +
+                              read_file("notes.dat")); // the first of a name wins
+}
+
 Store make_store(const std::vector<std::string> &settings) {
   std::vector<SettingList> list;
   for (const std::string &text : settings) {

@@ -56,6 +56,10 @@ using Tree = std::map<std::string, std::string>;
 void write_demo();
 void write_hello();
 void write_notes();
+/// The same for a pattern of installer-patterns(7), as the page has it; the program is "notes".
+void write_pattern(const std::string &name);
+/// Lets its directory be `place` + "target", and that of its state `place` + "state".
+void move_pattern(const std::string &place);
 
 /// A store with settings from "name=value" or "name"; "host" is fixed, "action" not replaceable.
 using Store = std::unique_ptr<ini, Release<ini_free>>;
