@@ -66,6 +66,9 @@ rm choices/*; ./notes -automate; fails test -e target)"},
 printf '1\n%s\n\n' $PWD/else | ./notes; rm else/bin/notesd
 ./notes -automate; test -e else/bin/notesd; fails test -e target
 ./notes -automate -special remove; fails test -e else; fails test -e state)"},
+      {"text",     R"(
+printf "\n\nBob's \$(touch ran)\n\n" | ./notes; fails test -e ran
+target/bin/title | grep -x "These are Bob's .(touch ran)."; fails test -e ran)"},
       {"blurb",    R"(
 touch target; ./notes -automate | grep 'Notes is NOT'
 ./notes -automate -strict >out.strict && exit 1; test $? = 1; fails grep 'Notes is' out.strict
