@@ -238,6 +238,32 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   EXPECT_EQ(read_tree("../safe"), before);
 }
 
+TEST_F(LinksTest, WhatTookThePlaceOfAnEntryIsLeftAlone) {
+  for (const char *path : {"../safe/file", "../safe/dir/f", "tree/file", "tree/dir/f", "out/x"})
+    write_file(path, path);
+  const Tree before = read_tree("../safe");
+  for (const std::string name : {"file", "dir"}) {
+    Entries entries{"tree", name.c_str(), log_missed()};
+    const File listed = *entries.begin();
+    ASSERT_NE(listed, nullptr);
+    fs::remove_all("tree/" + name);
+    fs::create_symlink("../../safe/" + name, "tree/" + name);
+    Copying copying;
+    const Target out = open_target("out");
+    const int made = name == "file" ? file_copy_entry(copying, *listed, out)
+                                    : file_xcopy_entry(copying, *listed, out); // the directory
+    EXPECT_EQ(made + file_rmdir_entry(*listed, nullptr), name == "file" ? 0 : 1) << name;
+    EXPECT_FALSE(fs::exists("out/file") || fs::exists("out/dir/f")) << name;
+    EXPECT_EQ(file_chmod(listed, 0711) + file_chown(listed, Other, Other), 0) << name;
+    struct ::stat info = {};
+    EXPECT_EQ(::lstat(listed->name, &info), 0);
+    EXPECT_EQ(info.st_uid, ::geteuid()) << name;
+    EXPECT_NE(fs::status("../safe/" + name).permissions(), fs::perms{0711}) << name;
+  }
+  EXPECT_EQ(read_tree("../safe"), before);
+  take_errors();
+}
+
 /// Exchanges entries of a tree for links, over and over.
 [[noreturn]] static void swap_for_ever() {
   const int links = ::open("links", O_PATH), tree = ::open("tree", O_PATH);
