@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -188,9 +189,14 @@ TEST_F(FileTest, NumbersOfUsers) {
     const char *const candidates[] = {"conf", nullptr};
     http_files = candidates;
     write_file("conf", "User far\nGroup far\nDocumentRoot /\nScriptAlias cgi-bin /");
+    const struct ::rlimit nothing = {0, 0};
+    Cause none;
+    const bool known = file_getgid("none", &none) == static_cast<::gid_t>(-1) && !none;
     const int found = init_find_http_conf(user, nullptr, nullptr, nullptr, error);
     ::_exit(found == 1 && file_getuid("far") == 4294967294 && file_getgid("far") == 2147483648 &&
-                    file_getuid("none") == static_cast<::uid_t>(-1)
+                    file_getuid("none", &none) == static_cast<::uid_t>(-1) && !none && known &&
+                    ::setrlimit(RLIMIT_NOFILE, &nothing) == 0 &&
+                    file_getgid("far", &none) == static_cast<::gid_t>(-1) && none.number == EMFILE
                 ? 0
                 : 1);
   };
@@ -200,24 +206,38 @@ TEST_F(FileTest, NumbersOfUsers) {
 
 TEST_F(FileTest, MakesAndRemovesDirectories) {
   write_file("far/file", "");
-  for (const char *path : {"d//", "d", "far/file", "m/n\\o\\", "m/n/p", "m//q//"})
+  for (const char *path : {"d//", "d", "far/file", "m/n\\o\\", "m/n/p", "m//q//", "/"})
     EXPECT_EQ(file_mkdir(path, 1), 1);
   EXPECT_EQ(file_mkdir("e//", 0), 1);
-  for (const char *target : {"circle", "none/x"}) { // there, wherever it leads
+  for (const char *target : {"circle", "none/x", "none"}) { // there, wherever it leads
     fs::create_symlink(target, "circle");
     EXPECT_EQ(file_mkdir("circle", 1) + fs::remove("circle"), 2) << target;
   }
-  EXPECT_EQ(take_calls(), "ok d 1; ok e 1; ok m 1; ok m//q 1; ok m/n 1; ok m/n/o 1; ok m/n/p 1; ");
+  const ::mode_t mask = ::umask(0);
+  EXPECT_EQ(file_mkdir("open", 0) + (fs::status("open").permissions() == fs::perms{0775}), 2);
+  ::umask(mask);
+  const std::string longest = "./" + std::string(254, 'n');              // one too many
+  EXPECT_EQ(file_mkdir(longest.c_str(), 0) + file_mkdir("c:/no", 1), 0); // a drive is not made
+  EXPECT_EQ(take_calls(),
+            "File name too long " + longest +
+                " 1; No such file or directory c:/no 1; ok d 1; ok e 1; ok m 1; ok m//q 1; "
+                "ok m/n 1; ok m/n/o 1; ok m/n/p 1; ok open 1; ");
   EXPECT_EQ(file_xcopy("d", "*", nullptr, "sl/", 1, nullptr) + fs::remove("m/q"), 2);
   EXPECT_EQ(take_calls(), "ok sl 1; ");
   EXPECT_EQ(file_mkdir("x/y", 0) + file_mkdir("far/file/x", 1), 0);
   EXPECT_EQ(take_calls(), "No such file or directory x/y 1; Not a directory far/file/x 1; ");
   for (const char *directory : {".", "far"}) fs::permissions(directory, fs::perms{0555});
+  fs::permissions("m", fs::perms{0777});
   const ::uid_t user = ::geteuid();
   EXPECT_TRUE(user != 0 || ::seteuid(65534) == 0); // root may write anywhere
-  EXPECT_EQ(file_mkdir("far/no/way", 1) + ::seteuid(user), 0);
-  EXPECT_EQ(take_calls(), "Permission denied far/no/way 1; "); // as for its parent
+  ::umask(0777);                                   // no way into what is made
+  EXPECT_EQ(file_mkdir("m/made/no", 1), 1);
+  ::umask(mask);
+  EXPECT_EQ(take_calls(), "Permission denied m/made/no 1; ok m/made 1; ");
+  EXPECT_EQ(file_mkdir("far/no/way/on", 1) + ::seteuid(user), 0);
+  EXPECT_EQ(take_calls(), "Permission denied far/no/way/on 1; "); // as for the first
   fs::permissions(".", fs::perms{0700});
+  fs::remove("m/made");
   for (const char *file : {"m/n/p/f", "m/x.log"}) write_file(file, "");
   fs::create_directory_symlink("../far", "m/far");
   EXPECT_EQ(file_rmdir("m", nullptr, 0) + file_rmdir("m", "*.log,o p", 1), 1);

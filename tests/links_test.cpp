@@ -79,13 +79,17 @@ TEST_F(LinksTest, OwnLinksWork) {
   fs::create_symlink("nothing", "dangling");
   fs::create_directory_symlink("../real", "in/sub");
   write_file("src/sub/b", "new");
+  std::string far;
+  while (far.size() < 4000) far += "./";
+  fs::create_symlink(far + "real/f", "far");
+  fs::create_symlink("x", "in/alias");
   for (const char *command :
        {"WFile chain/f value", "WFile file value", "WFile dangling value", "WFile dir/../n value",
         "CopyFile file - ./in", "CopyFile src/a - ./chain/../in", "CopyDir src/* - ./in",
         "Chmod chain/* - 600", "Chmod file - 640", "Ini chain/f dir/ini", "RFile file r",
         "WFile /proc/self/cwd/n value", "RFile /proc/thread-self/root/proc/mounts r",
         "MkDir chain/new/er", "Rename chain/new dir/newer", "RmDir chain/newer -",
-        "RmFile chain/ini -"})
+        "RmFile chain/ini -", "RFile far r", "RFile in/alias r"})
     EXPECT_TRUE(works(command)) << command << take_errors();
   EXPECT_EQ(read_file("nothing") + read_file("real/f") + read_file("real/b") + read_file("n"),
             "newnewnewnew");
@@ -95,9 +99,11 @@ TEST_F(LinksTest, OwnLinksWork) {
   fs::create_directory_symlink("/", "root");
   fs::create_symlink("missing", "gone");
   for (const char *command :
-       {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755", "Chmod a-loop - 755",
-        "WFile dir/ value", "WFile new/ value", "WFile gone/ value", "RFile file/ r"})
+       {"WFile a-loop/f value", "WFile a-loop value", "Chmod root - 755",
+        "Chmod /proc/self/root - 755", "Chmod a-loop - 755", "WFile dir/ value", "WFile new/ value",
+        "WFile gone/ value", "RFile file/ r"})
     EXPECT_FALSE(works(command)) << command;
+  EXPECT_EQ(find_spot(AT_FDCWD, "").cause.number, ENOENT);
   EXPECT_EQ(find_spot(AT_FDCWD, "//").name + find_spot(AT_FDCWD, "chain/..").name, "...");
   EXPECT_FALSE(works("WFile /proc/self/fd/999 value"));
 }
@@ -246,8 +252,11 @@ TEST_F(LinksTest, WhatTookThePlaceOfAnEntryIsLeftAlone) {
     Entries entries{"tree", name.c_str(), log_missed()};
     const File listed = *entries.begin();
     ASSERT_NE(listed, nullptr);
+    const Spot spot = find_spot(listed->dir, name_at(*listed));
     fs::remove_all("tree/" + name);
     fs::create_symlink("../../safe/" + name, "tree/" + name);
+    Cause cause;
+    EXPECT_FALSE(open_spot(spot, O_RDONLY, Allow::Plain, 0, cause)) << name;
     Copying copying;
     const Target out = open_target("out");
     const int made = name == "file" ? file_copy_entry(copying, *listed, out)
@@ -261,6 +270,10 @@ TEST_F(LinksTest, WhatTookThePlaceOfAnEntryIsLeftAlone) {
     EXPECT_NE(fs::status("../safe/" + name).permissions(), fs::perms{0711}) << name;
   }
   EXPECT_EQ(read_tree("../safe"), before);
+  const Spot file = find_spot(AT_FDCWD, "out/x");
+  fs::remove("out/x"), fs::create_directory("out/x");
+  Cause cause;
+  EXPECT_FALSE(open_spot(file, O_RDONLY, Allow::Plain, 0, cause));
   take_errors();
 }
 
