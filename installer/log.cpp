@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace installer {
@@ -73,12 +72,26 @@ bool lock_file(int fd) {
   return ::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
 }
 
-/// True when the log is still the file at its path: it may have been rotated after it was opened.
-bool in_its_place(Log x) {
-  struct ::stat opened = {};
+std::string lock_name(Log x) { return std::string{x->File} + ".lock"; }
+
+/// True while the file at its path is the one that was locked: another process that had it may have
+/// removed it in between.
+bool lock_holds(Log x) {
+  struct ::stat locked = {};
   struct ::stat there = {};
-  return ::fstat(::fileno(x->F.get()), &opened) == 0 && ::stat(x->File, &there) == 0 &&
-         same_inode(opened, there);
+  return ::fstat(x->Lock.get(), &locked) == 0 && ::stat(lock_name(x).c_str(), &there) == 0 &&
+         same_inode(locked, there);
+}
+
+/// Removes the lock's file, and never one that is another's or that somebody has written to.
+void remove_lock(Log x) {
+  const Spot spot = find_place(AT_FDCWD, lock_name(x).c_str());
+  struct ::stat locked = {};
+  struct ::stat there = {};
+  if (spot.cause || ::fstat(x->Lock.get(), &locked) != 0 || locked.st_size != 0) return;
+  if (::fstatat(spot.at(), spot.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+      same_inode(locked, there))
+    ::unlinkat(spot.at(), spot.name.c_str(), 0);
 }
 
 /// The first 20 characters of the asctime form of the local time. Rendered once a second: the
@@ -127,26 +140,6 @@ void flush_line(Log x) {
   x->Lost = true;
 }
 
-/// Rotation of a locked log: a new file that is locked already takes its place in one step, so that
-/// nobody finds the place empty or the file there unlocked. The old one is then `temporary`. False,
-/// with nothing changed: the system cannot do that.
-bool exchange_locked(Log x, const char *temporary) {
-#ifdef RENAME_EXCHANGE
-  Descriptor fd = open_file(AT_FDCWD, temporary, O_WRONLY | O_CREAT | O_EXCL | O_APPEND,
-                            Allow::Plain, LogPermissions);
-  if (!fd) return false;
-  if (lock_file(fd.get()) &&
-      ::syscall(SYS_renameat2, AT_FDCWD, temporary, AT_FDCWD, x->File, RENAME_EXCHANGE) == 0) {
-    log_close(x);
-    x->F.reset(::fdopen(fd.release(), "a"));
-    x->Size = 0;
-    return true;
-  }
-  ::unlink(temporary);
-#endif
-  return false;
-}
-
 void queue_error(const char *text) {
   // A queue that cannot grow reports so, which would be queued again.
   static bool queueing = false;
@@ -183,7 +176,6 @@ int log_open(Log x, const char *file) {
   fd.release();
   if (std::strcmp(x->File, file) != 0) x->Held = 0;
   scpy(x->File, file, sizeof x->File);
-  if (x->Locked) static_cast<void>(lock_file(::fileno(x->F.get())));
   if (CurrentLog == nullptr) {
     CurrentLog = x;
     check_emsglog();
@@ -198,6 +190,7 @@ void log_close(Log x) {
 void log_free(Log *x) {
   if (x == nullptr) return;
   Log freed = *x;
+  if (freed != nullptr && freed->Lock) remove_lock(freed);
   drop(&freed);
 }
 
@@ -211,13 +204,15 @@ void log_doflush(Log x, int doflush) {
 
 Cause log_lock(Log x, ::pid_t &holder) {
   holder = 0;
-  while (lock_file(::fileno(x->F.get()))) {
-    x->Locked = in_its_place(x);
-    if (x->Locked) return {};
-    if (log_open(x, x->File) == 0) return last_cause();
+  while (true) {
+    x->Lock = open_private(lock_name(x).c_str());
+    if (!x->Lock) return last_cause();
+    if (!lock_file(x->Lock.get())) break;
+    if (lock_holds(x)) return {};
   }
   const Cause cause = last_cause();
-  holder = lock_holder(::fileno(x->F.get()));
+  holder = lock_holder(x->Lock.get());
+  x->Lock = Descriptor{};
   return cause;
 }
 
@@ -243,12 +238,9 @@ int log_rotate(Log x) {
   lprintf(temporary, sizeof temporary, "%s.%05d%05d", x->File, static_cast<int>(::getpid()),
           static_cast<int>(std::time(nullptr) % 100000));
   const bool movable = can_rotate(x);
-  bool moved = movable && x->Locked && exchange_locked(x, temporary);
-  if (!moved) {
-    log_close(x);
-    moved = movable && std::rename(x->File, temporary) == 0;
-    log_open(x, x->File);
-  }
+  log_close(x);
+  const bool moved = movable && std::rename(x->File, temporary) == 0;
+  log_open(x, x->File);
   x->Held = moved ? 0 : x->Size;
   if (moved) shift_backups(x, temporary);
   return x->F ? 1 : 0;

@@ -23,7 +23,7 @@ enum LogLevel : std::uint32_t { LogNone = 0, LogError = 1, LogInfo = 2, LogDebug
 /// lines written. `Rotations`: highest number of a back-up. `Size` and `Rotate`: length of the file
 /// and the length from which it is rotated, in bytes. `F`: the stream, null when closed. `Held`:
 /// the length at which a rotation last failed; the next one waits for `Rotate` further bytes.
-/// `Lost`: a line could not be written. `Locked`: see `log_lock`.
+/// `Lost`: a line could not be written. `Lock`: see `log_lock`.
 struct log {
   char File[LineSize] = {};
   LogLevel Level = LogNone;
@@ -35,7 +35,7 @@ struct log {
   Stream F;
   std::uint32_t Held = 0;
   bool Lost = false;
-  bool Locked = false;
+  Descriptor Lock;
 };
 using Log = log *;
 
@@ -62,9 +62,11 @@ void log_set_level(Log x, LogLevel l);
 /// Flushes after every `doflush` lines, never for 0.
 void log_doflush(Log x, int doflush);
 
-/// Locks the open log (flock) until it is freed or the process ends, also when it is rotated: who
-/// asks for the lock meanwhile never gets it. No cause: locked. EWOULDBLOCK: another process has
-/// it, whose id is then in `holder`, or 0 when the system does not tell.
+/// Locks the log at `File` until it is freed or the process ends. What is locked (flock) is no log,
+/// which any process may rotate, but an empty file beside it, made for this with mode 0600: the
+/// path with ".lock" behind it. It goes when the log is freed; one that is left is used again. No
+/// cause: locked. EWOULDBLOCK: another process has it, whose id is then in `holder`, or 0 when the
+/// system does not tell.
 [[nodiscard]] Cause log_lock(Log x, ::pid_t &holder);
 
 /// Writes one line when the level allows, reopening a closed log at its `File`; nothing when that

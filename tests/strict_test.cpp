@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -259,35 +258,56 @@ TEST(Strict, LogNamesCommandsFilesAndTheOutcome) {
   }
 }
 
-TEST(Strict, SecondRunEndsAtOnceAlsoAfterARotation) {
+TEST(Strict, SecondRunOfTheProductEndsAtOnce) {
   const TempDir dir;
   write_product();
-  write_file("pkg.log", "");
-  const int held = ::open("pkg.log", O_WRONLY);
-  struct ::flock whole = {F_WRLCK, SEEK_SET, 0, 0, 0};
-  EXPECT_EQ(::flock(held, LOCK_EX), 0);
-  EXPECT_EQ(::fcntl(held, F_SETLK, &whole), 0);
-  const Result second = run_with(Go);
-  EXPECT_EQ(second.status, 2);
-  EXPECT_EQ(second.reasons, "pkg: pkg.log: in use by process " + std::to_string(::getpid()) + "\n");
-  EXPECT_EQ(second.console + read_log("pkg.log"), "");
-  EXPECT_EQ(run_with("-automate").status, 0); // neither takes nor heeds it
-  EXPECT_TRUE(fs::exists("out"));
-  ::close(held);
-  EXPECT_EQ(run_with(Go).status, 0);
-
   Log x = log_init(LogDebug);
   ::pid_t holder = 0;
   EXPECT_EQ(log_open(x, "pkg.log"), 1);
   EXPECT_FALSE(log_lock(x, holder));
+  const std::string in_use = "pkg: pkg.log: in use by process " + std::to_string(::getpid()) + "\n";
+  const auto expect_kept_out = [&](const char *when) {
+    const std::string log = read_log("pkg.log");
+    const Result second = run_with(Go);
+    EXPECT_EQ(second.status, 2) << when;
+    EXPECT_EQ(second.reasons, in_use) << when;
+    EXPECT_EQ(second.console + read_log("pkg.log"), log) << when;
+  };
+  expect_kept_out("at the start");
   x->Rotate = 1;
-  for (int line = 0; line < 3; ++line) {
-    log_line(x, "line", LogInfo);
-    EXPECT_EQ(run_with(Go).reasons, second.reasons) << line;
-  }
-  EXPECT_EQ(read_log("pkg.log0"), "Info: line\n");
-  EXPECT_EQ(read_log("pkg.log"), "");
+  log_line(x, "line", LogInfo);
+  expect_kept_out("after it has turned its log over");
+  write_file("pkg.log", std::string(1 << 20, '\n'));
+  EXPECT_EQ(run_with("-automate").status, 0); // neither takes nor heeds it
+  EXPECT_TRUE(fs::exists("out"));
+  EXPECT_EQ(read_log("pkg.log1"), "Info: line\n");
+  expect_kept_out("after another run has turned it over");
+  for (const char *file : {"pkg.dat", "pkg.int", "pkg.q", "pkg.cpy"})
+    fs::copy(file, "other" + std::string{file}.substr(3));
+  const Outcome other = run({"-automate", "-strict"}, {}, Via::Pipe, {.name = "./other"});
+  EXPECT_EQ(other.status, 0) << other.console;
   log_free(&x);
+  EXPECT_FALSE(fs::exists("pkg.log.lock") || fs::exists("other.log.lock"));
+}
+
+TEST(Strict, LockThatIsThereIsUsedWhenNobodyHasIt) {
+  const struct {
+    const char *text;
+    bool stays;
+    int status;
+  } rows[] = {
+      {"",         false, 0}, // of a run that was killed
+      {"somebody", true,  0},
+      {"/",        true,  2}
+  };
+  for (const auto &row : rows) {
+    const TempDir dir;
+    write_product();
+    change_product({Go, "pkg.log.lock", row.text, 0, {}});
+    const Result result = run_with(Go);
+    EXPECT_EQ(result.status, row.status) << row.text << result.reasons;
+    EXPECT_EQ(fs::exists("pkg.log.lock"), row.stays) << row.text;
+  }
 }
 
 // ---- Answers ----
