@@ -402,8 +402,10 @@ void command_begins(Watched &x, std::uint32_t index) {
   x.told = false;
   x.nothing.clear();
   const char *separator = last_separator(x.file);
-  imsg("%s:%d %s", separator != nullptr ? separator + 1 : x.file,
-       static_cast<int>(x.command().line), x.word());
+  const std::string place = std::string{separator != nullptr ? separator + 1 : x.file} + ":" +
+                            std::to_string(x.command().line) + " " + x.word();
+  note_place(x.run, "in " + place);
+  imsg("%s", place.c_str());
 }
 
 void command_acts(Watched &x, const FileEvent &event) {
@@ -446,6 +448,7 @@ void run_script(Run &run, const Action &action) {
   outcome.completed =
       copy_process(copy.get(), &outcome.files, action.counts_bytes ? &outcome.bytes : nullptr,
                    action.stop_on_fail) != 0;
+  note_place(run, "after the work");
   print_result(action, outcome);
 }
 

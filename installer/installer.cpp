@@ -3,6 +3,7 @@
 #include "installer/init.h"
 #include "installer/options.h"
 #include "installer/shared.h"
+#include "installer/signals.h"
 
 #include <csignal>
 
@@ -162,6 +163,8 @@ bool run_program(const CommandLine &line, Run &run) {
   open_log(run);
   if (!lock_log(run)) return false;
   imsg("Log file opened in '%s'", run.log->File);
+  note_place(run, "before the work");
+  const ToldSignals told{run.strict ? tell_of_signal : nullptr};
   static_cast<void>(within_memory(run, [&] {
     apply_options(run, line);
     load_answers(run);

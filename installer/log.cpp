@@ -2,8 +2,11 @@
 
 #include "installer/array.h"
 #include "installer/links.h"
+#include "installer/signals.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -24,6 +27,16 @@ constexpr std::uint32_t MostBytes = std::numeric_limits<std::uint32_t>::max();
 
 Log CurrentLog = nullptr;
 Array<std::string> EmsgLog = nullptr;
+
+/// For signal handlers: the file of the current log, -1 when it is closed, and the seconds by which
+/// the local time was last ahead.
+std::atomic<int> CurrentFile = -1;
+std::atomic<long> LocalOffset = 0;
+
+/// Only the current log counts, and one that was freed as such is not looked at.
+void note_file(Log x) {
+  if (x == CurrentLog) CurrentFile = x != nullptr && x->F ? ::fileno(x->F.get()) : -1;
+}
 
 std::uint32_t file_size(const char *file) {
   struct ::stat info = {};
@@ -105,7 +118,23 @@ const char *time_text() {
   if (::localtime_r(&now, &local) == nullptr) return text;
   std::strftime(text, sizeof text, "%a %b %e %H:%M:%S ", &local);
   rendered = now;
+  LocalOffset = local.tm_gmtoff;
   return text;
+}
+
+/// The same time for a signal handler, which must not ask the C library for it.
+void add_time(HandlerText &text) {
+  constexpr const char *days[] = {"Sun ", "Mon ", "Tue ", "Wed ", "Thu ", "Fri ", "Sat "};
+  constexpr const char *months[] = {"Jan ", "Feb ", "Mar ", "Apr ", "May ", "Jun ",
+                                    "Jul ", "Aug ", "Sep ", "Oct ", "Nov ", "Dec "};
+  const std::chrono::sys_seconds now{std::chrono::seconds{std::time(nullptr) + LocalOffset}};
+  const auto day = std::chrono::floor<std::chrono::days>(now);
+  const std::chrono::year_month_day date{day};
+  const auto second = static_cast<std::uint64_t>((now - day).count());
+  text.add(days[std::chrono::weekday{day}.c_encoding()]);
+  text.add(months[static_cast<unsigned>(date.month()) - 1]);
+  text.add(static_cast<unsigned>(date.day()), 2, ' ').add(" ").add(second / 3600, 2);
+  text.add(":").add(second / 60 % 60, 2).add(":").add(second % 60, 2);
 }
 
 /// Only a regular file is moved away, and no name is ever used cut.
@@ -180,11 +209,15 @@ int log_open(Log x, const char *file) {
     CurrentLog = x;
     check_emsglog();
   }
+  note_file(x);
   return 1;
 }
 
 void log_close(Log x) {
-  if (x != nullptr && x->F && !finish(std::move(x->F))) x->Lost = true;
+  if (x == nullptr || !x->F) return;
+  Stream closed = std::move(x->F);
+  note_file(x); // before another file may get the number
+  if (!finish(std::move(closed))) x->Lost = true;
 }
 
 void log_free(Log *x) {
@@ -194,7 +227,10 @@ void log_free(Log *x) {
   drop(&freed);
 }
 
-void log_set(Log x) { CurrentLog = x; }
+void log_set(Log x) {
+  CurrentLog = x;
+  note_file(x);
+}
 
 void log_set_level(Log x, LogLevel l) { x->Level = l; }
 
@@ -232,7 +268,17 @@ void log_line(Log x, const char *line, LogLevel l) {
   ++x->Lines;
 }
 
+void log_last_line(std::string_view line) {
+  const int file = CurrentFile;
+  if (file < 0) return;
+  HandlerText text;
+  add_time(text);
+  text.add("  [").add(static_cast<std::uint64_t>(::getpid())).add("] Info: ").add(line).add("\n");
+  static_cast<void>(::write(file, text.view().data(), text.view().size()));
+}
+
 int log_rotate(Log x) {
+  const HeldSignals held; // there is always a log for what a handler has to say
   char temporary[LineSize];
   // Two numbers that differ from those of an earlier run that was killed half-way.
   lprintf(temporary, sizeof temporary, "%s.%05d%05d", x->File, static_cast<int>(::getpid()),

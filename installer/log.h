@@ -11,6 +11,7 @@
 #include "installer/lib.h"
 
 #include <cstdint>
+#include <string_view>
 
 #include <sys/types.h>
 
@@ -72,6 +73,8 @@ void log_doflush(Log x, int doflush);
 /// Writes one line when the level allows, reopening a closed log at its `File`; nothing when that
 /// fails. errno is kept.
 void log_line(Log x, const char *line, LogLevel l);
+/// The same at info level for the current log, from a signal handler. Nothing while it is closed.
+void log_last_line(std::string_view line);
 /// Moves the file to back-up 0 (path with a "0" behind it) and the back-ups up by one, and reopens.
 /// The result of the reopening. When the file cannot be moved the back-ups stay as they are.
 int log_rotate(Log x);

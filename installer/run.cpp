@@ -2,7 +2,9 @@
 
 #include "installer/front.h"
 #include "installer/init.h"
+#include "installer/signals.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace installer {
@@ -42,6 +44,25 @@ std::string reason_line(const Where &where, const Failure &failure) {
   return escape_controls(line);
 }
 
+/// What a handler can tell of a run.
+struct {
+  char place[LineSize];
+  char counts[LineSize];
+  std::time_t started;
+} noted;
+
+std::string counts_text(const Outcome &outcome) {
+  return std::to_string(outcome.commands) + " commands, " + std::to_string(outcome.files) +
+         " files, " + std::to_string(outcome.bytes) + " bytes, " +
+         std::to_string(outcome.failures + outcome.faults) + " failures, ";
+}
+
+void note_counts(const Run &run) {
+  const std::string counts = counts_text(run.outcome);
+  const HeldSignals held;
+  scpy(noted.counts, counts.c_str(), sizeof noted.counts);
+}
+
 const char *status_words(Status status) {
   switch (status) {
   case Status::Complete: return "complete";
@@ -64,12 +85,14 @@ void give_reason(const Where &where, const Failure &failure) {
 void count_fault(Run &run, const Where &where, const Failure &failure) {
   if (!run.strict) return;
   ++run.outcome.faults;
+  note_counts(run);
   give_reason(where, failure);
 }
 
 void count_failure(Run &run, const Where &where, const Failure &failure) {
   if (!run.strict) return;
   ++run.outcome.failures;
+  note_counts(run);
   give_reason(where, failure);
 }
 
@@ -116,16 +139,31 @@ void check_console(Run &run) {
   count_failure(run, {}, {"cannot write to the console", {}, last_cause()});
 }
 
+void note_place(const Run &run, const std::string &place) {
+  if (!run.strict) return;
+  const HeldSignals held;
+  scpy(noted.place, place.c_str(), sizeof noted.place);
+  noted.started = run.started;
+  note_counts(run);
+}
+
+void tell_of_signal(int signal) {
+  const auto number = static_cast<std::uint64_t>(signal);
+  HandlerText text;
+  text.add("Outcome ").add(128 + number).add(", ended by signal ").add(number);
+  text.add(" ").add(noted.place).add(": ").add(noted.counts);
+  const std::time_t seconds = std::max<std::time_t>(std::time(nullptr) - noted.started, 0);
+  text.add(static_cast<std::uint64_t>(seconds)).add(" seconds");
+  log_last_line(text.view());
+}
+
 void close_log(Run &run) {
   if (!run.strict) return;
   if (run.log->Lost) count_failure(run, {}, {"cannot write to the log", run.log->File, {}});
-  const Outcome &outcome = run.outcome;
   const Status status = exit_status(run);
-  imsg("Outcome %d, %s: %d commands, %s files, %s bytes, %d failures, %d seconds",
-       static_cast<int>(status), status_words(status), static_cast<int>(outcome.commands),
-       std::to_string(outcome.files).c_str(), std::to_string(outcome.bytes).c_str(),
-       static_cast<int>(outcome.failures + outcome.faults),
-       static_cast<int>(std::time(nullptr) - run.started));
+  const HeldSignals held; // the log says once how it ended
+  imsg("Outcome %d, %s: %s%d seconds", static_cast<int>(status), status_words(status),
+       counts_text(run.outcome).c_str(), static_cast<int>(std::time(nullptr) - run.started));
   log_set(nullptr); // what follows would open it again
   if (run.log->F && !finish(std::move(run.log->F)) && !run.log->Lost)
     count_failure(run, {}, {"cannot write to the log", run.log->File, last_cause()});

@@ -83,6 +83,10 @@ void refuse_run(Run &run, const Where &where, const Failure &failure);
 [[nodiscard]] Status exit_status(const Run &run);
 /// Counts it as a failure when the console lost something.
 void check_console(Run &run);
+/// Where the run is, in a few words: what the log of a strict run says when a signal ends it.
+void note_place(const Run &run, const std::string &place);
+/// Says so, with the counts as they were last noted, in a signal handler.
+void tell_of_signal(int signal);
 /// Ends the log of a strict run with a line about the outcome and closes it; counts it as a failure
 /// when it lost something.
 void close_log(Run &run);

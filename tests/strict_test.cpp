@@ -6,11 +6,16 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <regex>
+#include <set>
 #include <sstream>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace installer {
@@ -308,6 +313,77 @@ TEST(Strict, LockThatIsThereIsUsedWhenNobodyHasIt) {
     EXPECT_EQ(result.status, row.status) << row.text << result.reasons;
     EXPECT_EQ(fs::exists("pkg.log.lock"), row.stays) << row.text;
   }
+}
+
+// ---- Signals ----
+
+/// The whole lines of the log that say how the run ended.
+static std::vector<std::string> outcomes() {
+  std::istringstream log{read_file("pkg.log")};
+  std::vector<std::string> found;
+  for (std::string line; std::getline(log, line);)
+    if (line.find("Outcome ") != line.npos) found.push_back(line);
+  return found;
+}
+
+/// How the log says that the run ended; where is "before", "in" or "after".
+static std::string expect_ended_by(int signal, const std::string &line) {
+  static const std::regex form{
+      R"(\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d  \[\d+\] Info: Outcome (\d+), )"
+      R"(ended by signal (\d+) (?:(before|after) the work|(in) pkg\.cpy:\d )"
+      R"((?:MkDir|CopyDir|WFile)): \d commands, \d+ files, \d+ bytes, )"
+      R"(0 failures, \d+ seconds)"};
+  std::smatch match;
+  EXPECT_TRUE(std::regex_match(line, match, form)) << line;
+  if (match.empty()) return {};
+  EXPECT_EQ(match.str(1), std::to_string(128 + signal));
+  EXPECT_EQ(match.str(2), std::to_string(signal));
+  return match.str(3) + match.str(4);
+}
+
+TEST(Strict, SignalAtAnyMomentEndsTheRunWithALineOfTheLog) {
+  const auto elsewhere = [] { ::setenv("TZ", "X-05:30", 1); };
+  std::set<std::string> places;
+  bool in_time = false;
+  for (int place = 7;; place += 7) {
+    const TempDir dir;
+    write_product();
+    const std::vector<int> both = {SIGTERM, SIGHUP}, one = {SIGTERM};
+    const int status = run_and_signal(place, place % 2 == 0 ? both : one, {"-automate", "-strict"},
+                                      {.prepare = elsewhere});
+    if (!WIFSIGNALED(status)) break;
+    const std::string log = read_file("pkg.log");
+    if (log.find("Automated") == log.npos) continue;
+    const std::vector<std::string> found = outcomes();
+    ASSERT_EQ(found.size(), 1U) << log;
+    const std::size_t at = log.find(found[0]);
+    EXPECT_EQ(at + found[0].size() + 1, log.size());
+    if (found[0].find("Outcome 0, complete") != log.npos) continue;
+    places.insert(expect_ended_by(WTERMSIG(status), found[0]));
+    in_time = in_time || log.rfind(found[0].substr(0, 20), at - 1) != log.npos;
+  }
+  EXPECT_EQ(places, (std::set<std::string>{"before", "in", "after"}));
+  EXPECT_TRUE(in_time);
+}
+
+TEST(Strict, InterruptAtAQuestionEndsTheRunWithALineOfTheLog) {
+  const TempDir dir;
+  write_product();
+  const auto control = [] { ::setsid(), ::ioctl(0, TIOCSCTTY, 0); };
+  run({"-strict"}, "1\n\3", Via::Pty, {.prepare = control, .signal = SIGINT});
+  ASSERT_EQ(outcomes().size(), 1U);
+  EXPECT_EQ(expect_ended_by(SIGINT, outcomes()[0]), "before");
+}
+
+TEST(Strict, SignalThatIsIgnoredOrInARunThatIsNotStrictDoesAsBefore) {
+  const auto ignore = [] { std::signal(SIGHUP, SIG_IGN); };
+  const TempDir dir;
+  write_product();
+  EXPECT_EQ(run_and_signal(150, {SIGHUP}, {"-automate", "-strict"}, {.prepare = ignore}), 0);
+  EXPECT_EQ(outcomes().size(), 1U);
+  fs::remove("pkg.log");
+  EXPECT_EQ(WTERMSIG(run_and_signal(150, {SIGHUP}, {"-automate"})), SIGHUP);
+  EXPECT_EQ(outcomes().size(), 0U);
 }
 
 // ---- Answers ----

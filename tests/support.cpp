@@ -234,7 +234,7 @@ Outcome run(const std::vector<std::string> &arguments, const std::string &input,
       type_line(c.to[1], untyped);
   }
   EXPECT_EQ(::waitpid(pid, &outcome.status, 0), pid);
-  EXPECT_FALSE(WIFSIGNALED(outcome.status)) << outcome.console;
+  EXPECT_EQ(WTERMSIG(outcome.status), start.signal) << outcome.console;
   if (via == Via::Pipe) ::ioctl(c.to[0], FIONREAD, &outcome.unread);
   ::close(via == Via::Pipe ? c.to[0] : c.to[1]);
   ::close(c.from[0]);
@@ -284,6 +284,24 @@ bool run_and_stop(int call, const std::function<void(int)> &act,
     ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
   }
   return stops > 2 * call;
+}
+
+int run_and_signal(int last, const std::vector<int> &signals,
+                   const std::vector<std::string> &arguments, const Start &start) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    execute(arguments, start);
+  }
+  int status = 0;
+  for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
+    const int received = WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status);
+    if (stops == 2 * last)
+      for (const int signal : signals) ::kill(pid, signal);
+    ::ptrace(PTRACE_SYSCALL, pid, nullptr, received);
+  }
+  return status;
 }
 
 bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {

@@ -73,11 +73,12 @@ enum class Via { Pipe, Pty };
 void PrintTo(Via via, std::ostream *out);
 
 /// `name`: the program's argv[0]; `prepare`: called in its process, last thing before it starts;
-/// `program`: another program than the one for products.
+/// `program`: another program than the one for products; `signal`: what it must end by.
 struct Start {
   std::string name = "./pkg";
   void (*prepare)() = nullptr;
   const char *program = INSTALLER_PROGRAM;
+  int signal = 0;
 };
 
 /// `console`: everything on standard output and standard error; `status`: as waitpid gives it;
@@ -110,6 +111,10 @@ void refuse(std::initializer_list<unsigned> calls, unsigned error);
 bool run_and_stop(int call, const std::function<void(int)> &act,
                   const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
+/// Runs the program, without its console, and sends it the signals before its system call number
+/// `last`; its status.
+int run_and_signal(int last, const std::vector<int> &signals,
+                   const std::vector<std::string> &arguments, const Start &start = {});
 /// Runs the program and kills it before its system call number `last`. False: it ended earlier.
 bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
