@@ -156,7 +156,6 @@ struct CutShort : testing::TestWithParam<Product> {
 };
 
 TEST_P(CutShort, IsUndoneAndFinished) {
-  ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   for (const Action action : {Install, Upgrade})
     for (const auto cut : {kill_at, fail_at}) {
       prepare(action);

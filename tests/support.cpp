@@ -276,6 +276,7 @@ bool run_and_stop(int call, const std::function<void(int)> &act,
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // as in run_injected
     execute(arguments, start);
   }
   int status = 0, stops = 0; // two for each call
@@ -292,6 +293,7 @@ int run_and_signal(int last, const std::vector<int> &signals,
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // as in run_injected
     execute(arguments, start);
   }
   int status = 0;
