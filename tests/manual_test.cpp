@@ -17,8 +17,8 @@ static void expect_round_trip(const char *product) {
 #ifdef INSTALLER_PREVIEW
   const Start start{"installer-preview", nullptr, INSTALLER_PREVIEW};
   const Outcome outcome = run({"-round-trip", product}, {}, Via::Pipe, start);
-  if (WEXITSTATUS(outcome.status) == 125) std::printf("%s", outcome.console.c_str());
-  else EXPECT_EQ(outcome.status, 0) << outcome.console;
+  if (can_have_view()) EXPECT_EQ(outcome.status, 0) << outcome.console;
+  else std::printf("%s", outcome.console.c_str());
 #endif
 }
 

@@ -17,9 +17,12 @@
 #include <linux/seccomp.h>
 #include <pty.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,6 +69,26 @@ Connection connect(Via via) {
   for (int fd : {STDOUT_FILENO, STDERR_FILENO}) ::dup2(c.from[1], fd);
   ::alarm(60); // outlives the exec
   execute(arguments, start);
+}
+
+/// In name spaces of this process's own.
+bool mount_overlay() {
+  constexpr int spaces = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC;
+  const std::string user = std::to_string(::geteuid()), group = std::to_string(::getegid());
+  std::string options = "lowerdir=a,upperdir=b,workdir=c";
+  if (::unshare(spaces) != 0) {
+    if (::unshare(spaces | CLONE_NEWUSER) != 0) return false;
+    ::prctl(PR_SET_DUMPABLE, 1, 0, 0, 0); // a change of users leaves the maps to root
+    write_file("/proc/self/setgroups", "deny");
+    write_file("/proc/self/uid_map", user + " " + user + " 1");
+    write_file("/proc/self/gid_map", group + " " + group + " 1");
+    options += ",userxattr";
+  }
+  if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      ::mount("memory", "/tmp", "tmpfs", 0, nullptr) != 0 || ::chdir("/tmp") != 0)
+    return false;
+  for (const char *folder : {"a", "b", "c"}) ::mkdir(folder, 0700);
+  return ::mount("overlay", "a", "overlay", 0, options.c_str()) == 0;
 }
 
 /// Types the next line, or the end of file. It takes two of these behind a line without an end: the
@@ -253,6 +276,16 @@ int run_injected(const std::string &inject, const std::string &path, const std::
 int run_isolated(const std::string &line) {
   const std::string how = ::geteuid() == 0 ? "-m" : "-Urm";
   return std::system(("unshare " + how + " --propagation private sh -c '" + line + "'").c_str());
+}
+
+bool can_have_view(void (*become)()) {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) {
+    if (become != nullptr) become();
+    ::_exit(mount_overlay() ? 0 : 1);
+  }
+  int status = 1;
+  return pid > 0 && ::waitpid(pid, &status, 0) == pid && status == 0;
 }
 
 bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }

@@ -99,6 +99,9 @@ int run_injected(const std::string &inject, const std::string &path = {},
                  const std::string &command = INSTALLER_PROGRAM " -automate");
 /// Runs a line of the shell in a mount name space of its own, and as its root; the status.
 int run_isolated(const std::string &line);
+/// True where this process, after `become` if given, may make what a view of the machine is made
+/// of: name spaces, with those of a user where root's are refused, and an overlay in them.
+bool can_have_view(void (*become)() = nullptr);
 /// True where strace may trace.
 bool can_trace();
 /// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how
