@@ -399,38 +399,48 @@ void take_processes(Making &making) {
   });
 }
 
-/// The first directory on the way from `top` down to `path` that this user may write to; "" for
-/// none.
-std::string first_writable(const std::string &top, const std::string &path) {
-  std::size_t end = top.size();
+/// Adds a mount of its own for a directory of `mount`.
+void take_apart(Making &making, const Mount &mount, const std::string &point) {
+  const auto there = [&point](const Mount &other) { return other.point == point; };
+  if (std::ranges::any_of(making.mounts, there)) return;
+  const std::size_t skipped = mount.point == "/" ? 1 : mount.point.size() + 1;
+  Mount piece = mount;
+  piece.id = 0;
+  piece.apart = true;
+  piece.point = point;
+  piece.root = tree_join(mount.root, point.substr(skipped));
+  making.mounts.push_back(std::move(piece));
+}
+
+/// On the way from a mount down to `path`, each directory that this user may write to, unless the
+/// layer above can copy the way to it: that has the user's own directories only.
+void take_way(Making &making, const Mount &mount, const std::string &path) {
+  bool barred = true;
+  std::size_t end = mount.point == "/" ? 0 : mount.point.size();
   while (end != std::string::npos) {
     end = path.find('/', end + 1);
-    std::string part = path.substr(0, end);
+    const std::string part = path.substr(0, end);
+    struct ::stat info = {};
     const Descriptor entry = tree_open(AT_FDCWD, part, O_PATH | O_DIRECTORY);
-    if (!entry) break;
-    if (may_write(entry.get())) return part;
+    if (!entry || ::fstat(entry.get(), &info) != 0) return;
+    if (info.st_uid != making.user || info.st_gid != making.group) barred = true;
+    if (!barred || !may_write(entry.get())) continue;
+    take_apart(making, mount, part);
+    barred = false;
   }
-  return {};
 }
 
 /// Directories of others where this user may nevertheless make files, or own some: a layer of their
 /// own can be changed there, while one higher up could not copy the way to them.
 void take_user_folders(Making &making, const std::string &folder) {
+  const std::vector<Mount> mounts = making.mounts;
   const std::string home = or_empty(std::getenv("HOME"));
   for (const std::string &path : {folder, home, std::string{"/tmp"}, std::string{"/var/tmp"}}) {
     if (!path.starts_with('/') || path == "/") continue;
     const auto within = [&path](const Mount &mount) { return tree_within(path, mount.point); };
-    const auto found = std::find_if(making.mounts.rbegin(), making.mounts.rend(), within);
-    if (found == making.mounts.rend() || found->apart || found->point == path || found->read_only)
-      continue;
-    Mount piece = *found;
-    piece.id = 0;
-    piece.apart = true;
-    piece.point = first_writable(found->point, path);
-    if (piece.point.empty()) continue;
-    const std::size_t skipped = found->point == "/" ? 1 : found->point.size() + 1;
-    piece.root = tree_join(found->root, piece.point.substr(skipped));
-    making.mounts.push_back(std::move(piece));
+    const auto found = std::find_if(mounts.rbegin(), mounts.rend(), within);
+    if (found != mounts.rend() && found->point != path && !found->read_only)
+      take_way(making, *found, path);
   }
 }
 

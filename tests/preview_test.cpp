@@ -75,6 +75,7 @@ struct Preview : testing::Test {
     ASSERT_TRUE(::unshare(CLONE_NEWNS) == 0 &&
                 ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                 mount_memory(scratch.path("m")));
+    fs::permissions(scratch.path(), fs::perms{0755});
     here = scratch.path("m");
     fs::current_path("m");
   }
@@ -383,10 +384,17 @@ TEST_F(Preview, KeepsItsLayers) {
 TEST_F(Preview, UsersHaveAViewOfTheirOwn) {
   if (!can_have_view(become_user)) GTEST_SKIP() << "no user name space";
   ASSERT_EQ(::chown(here.c_str(), SomeUser, SomeUser), 0);
-  fs::permissions(scratch.path(), fs::perms{0755});
   write_file("mine", "1");
   ASSERT_EQ(::chown("mine", SomeUser, SomeUser), 0);
   write_file("theirs", "1");
+  fs::create_directories("roots/own");
+  ASSERT_EQ(::chown("roots/own", SomeUser, SomeUser), 0);
+  fs::current_path("roots/own");
+  const std::string below =
+      preview({"sh", "-c", "echo >x; mkdir y; echo >y/x"}, {}, become_user).console;
+  for (const char *added : {"/own/x\n", "/own/y/\n", "/own/y/x\n"})
+    EXPECT_NE(below.find(added), below.npos) << below;
+  fs::current_path(here);
   const Outcome outcome = preview(
       {"sh", "-c",
        "id -u; echo >new; echo 22 >mine; echo >>theirs; echo >/etc/x; mkdir d; chmod 0 new"},
