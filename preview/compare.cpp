@@ -114,6 +114,63 @@ bool same_contents(const Opened &place, const std::string &name, const struct ::
   }
 }
 
+// ---- Rights ----
+
+struct RightAttribute {
+  const char *name, *word;
+};
+constexpr RightAttribute right_attributes[] = {
+    {"security.capability",      "capabilities"       },
+    {"system.posix_acl_access",  "access list"        },
+    {"system.posix_acl_default", "default access list"},
+};
+
+/// An extended attribute of an open entry, also of one that is open for its path alone; "" for
+/// none.
+std::string attribute_of(int entry, const std::string &name) {
+  std::array<char, BlockSize> value{};
+  const std::string path = "/proc/self/fd/" + std::to_string(entry);
+  const ::ssize_t size = ::getxattr(path.c_str(), name.c_str(), value.data(), value.size());
+  return {value.data(), static_cast<std::size_t>(std::max<::ssize_t>(size, 0))};
+}
+
+/// The value of one of the overlay's notes; "" for none.
+std::string overlay_note(const Comparing &x, int entry, const char *name) {
+  return attribute_of(entry, std::string{x.view.user ? "user" : "trusted"} + ".overlay." + name);
+}
+
+Descriptor open_entry(int directory, const std::string &name) {
+  return Descriptor{::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+}
+
+/// The words for what differs between two entries; an empty descriptor has nothing.
+std::string other_rights(const Descriptor &before, const Descriptor &after) {
+  std::string words;
+  for (const RightAttribute &row : right_attributes) {
+    const std::string had = before ? attribute_of(before.get(), row.name) : std::string{};
+    if (attribute_of(after.get(), row.name) != had)
+      words += (words.empty() ? "" : ", ") + std::string{row.word};
+  }
+  return words;
+}
+
+/// `known`: the machine has such an entry.
+std::string changed_rights(const Opened &place, const std::string &name, bool known) {
+  return other_rights(known ? open_entry(place.machine.get(), name) : Descriptor{},
+                      open_entry(place.changed.get(), name));
+}
+
+bool gives_rights(const struct ::stat &info, int directory, const std::string &name) {
+  return (info.st_mode & (S_ISUID | S_ISGID)) != 0 ||
+         !other_rights(Descriptor{}, open_entry(directory, name)).empty();
+}
+
+/// A file that counts for nothing.
+bool is_left_out(const Comparing &x, const std::string &path, const struct ::stat &info,
+                 int directory, const std::string &name) {
+  return S_ISREG(info.st_mode) && x.left_out(path) && !gives_rights(info, directory, name);
+}
+
 // ---- Counting ----
 
 /// What a file takes, in whole blocks. Holes take nothing.
@@ -142,8 +199,8 @@ void count(Comparing &x, const struct ::stat *before, const struct ::stat &after
 
 /// `path` is absolute.
 void note(Comparing &x, Verdict verdict, std::string path, const struct ::stat *before,
-          const struct ::stat *after, std::string target = {}) {
-  Change change{verdict, std::move(path), {}, {}, std::move(target)};
+          const struct ::stat *after, std::string target = {}, std::string rights = {}) {
+  Change change{verdict, std::move(path), {}, {}, std::move(target), 0, std::move(rights)};
   if (before != nullptr) change.before = status_of(*before);
   if (after != nullptr) change.after = status_of(*after);
   const ::mode_t mode = after != nullptr ? after->st_mode : before->st_mode;
@@ -158,7 +215,7 @@ std::string target_of(int directory, const std::string &name, const struct ::sta
 void vanished(Comparing &x, const Opened &place, const std::string &name,
               const struct ::stat &before) {
   std::string path = place.prefix + name;
-  if (x.left_out(path)) return;
+  if (is_left_out(x, path, before, place.machine.get(), name)) return;
   note(x, Verdict::Deleted, std::move(path), &before, nullptr,
        target_of(place.machine.get(), name, before));
   if (S_ISDIR(before.st_mode))
@@ -168,33 +225,27 @@ void vanished(Comparing &x, const Opened &place, const std::string &name,
 void appeared(Comparing &x, const Opened &place, const std::string &name, std::string path,
               const struct ::stat &after) {
   note(x, Verdict::Added, std::move(path), nullptr, &after,
-       target_of(place.changed.get(), name, after));
+       target_of(place.changed.get(), name, after), changed_rights(place, name, false));
   count(x, nullptr, after);
 }
 
 void stayed(Comparing &x, const Opened &place, const std::string &name, std::string path,
             const struct ::stat &before, const struct ::stat &after) {
+  std::string rights = changed_rights(place, name, true);
+  std::string target = target_of(place.changed.get(), name, after);
   if (!same_contents(place, name, before, after)) {
-    note(x, Verdict::Modified, std::move(path), &before, &after,
-         target_of(place.changed.get(), name, after));
+    note(x, Verdict::Modified, std::move(path), &before, &after, std::move(target),
+         std::move(rights));
     count(x, &before, after);
-  } else if (!same_rights(before, after)) {
-    note(x, Verdict::Permissions, std::move(path), &before, &after,
-         target_of(place.changed.get(), name, after));
+  } else if (!same_rights(before, after) || !rights.empty()) {
+    note(x, Verdict::Permissions, std::move(path), &before, &after, std::move(target),
+         std::move(rights));
   } else if (S_ISREG(after.st_mode)) {
     ++x.total.unchanged;
   }
 }
 
 // ---- Directories ----
-
-/// The value of one of the overlay's notes at a directory; "" for none.
-std::string overlay_note(const Comparing &x, int directory, const char *name) {
-  const std::string attribute = std::string{x.view.user ? "user" : "trusted"} + ".overlay." + name;
-  std::array<char, BlockSize> value{};
-  const ::ssize_t size = ::fgetxattr(directory, attribute.c_str(), value.data(), value.size());
-  return {value.data(), static_cast<std::size_t>(std::max<::ssize_t>(size, 0))};
-}
 
 void await(Comparing &x, const Opened &place, const std::string &name, bool known) {
   Folder folder{tree_join(place.folder.path, name), place.folder.whole, place.folder.moved, known};
@@ -215,7 +266,9 @@ void compare_entry(Comparing &x, const Opened &place, const std::string &name) {
     return;
   }
   std::string path = place.prefix + name;
-  if (x.left_out(path)) return;
+  if (is_left_out(x, path, after, place.changed.get(), name) &&
+      (!had || is_left_out(x, path, before, place.machine.get(), name)))
+    return;
   if (S_ISREG(after.st_mode)) x.result.written.push_back({x.index, path});
   const bool same_type = had && (before.st_mode & S_IFMT) == (after.st_mode & S_IFMT);
   if (same_type) stayed(x, place, name, std::move(path), before, after);
@@ -242,8 +295,11 @@ void compare_folder(Comparing &x, const Folder &folder) {
 
 void compare_root(Comparing &x) {
   struct ::stat after = {};
-  if (::fstat(x.changed.get(), &after) == 0 && !same_rights(x.layer.start, after))
-    note(x, Verdict::Permissions, x.layer.mount.point, &x.layer.start, &after);
+  std::string rights = other_rights(Descriptor{}, x.changed); // it began with none
+  if (::fstat(x.changed.get(), &after) == 0 &&
+      (!same_rights(x.layer.start, after) || !rights.empty()))
+    note(x, Verdict::Permissions, x.layer.mount.point, &x.layer.start, &after, {},
+         std::move(rights));
 }
 
 void compare_layer(Comparing &x) {

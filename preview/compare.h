@@ -29,12 +29,15 @@ enum class Verdict : char { Added = 'A', Modified = 'M', Permissions = 'P', Dele
 /// One path that differs. `path`: absolute, of a directory with a final "/". `before`: as it is on
 /// the machine (all but `Added`); `after`: as it would be (all but `Deleted`). `target`: what a
 /// link would point to, or pointed to. `below`: the entries below a directory that vanishes.
+/// `rights`: what gives rights beyond the mode, and changes or is new ("capabilities, access
+/// list").
 struct Change {
   Verdict verdict{};
   std::string path;
   Status before, after;
   std::string target;
   std::size_t below = 0;
+  std::string rights{};
 };
 
 /// A regular file that runs wrote, moved or gave other rights: its absolute path, and the index of
@@ -59,7 +62,8 @@ struct Comparison {
   std::vector<Written> written;
 };
 
-/// Compares all layers. Paths that `left_out` accepts count for nothing.
+/// Compares all layers. Regular files whose paths `left_out` accepts count for nothing, unless they
+/// give rights (set-user-ID and the like).
 [[nodiscard]] Comparison compare_view(const View &view,
                                       const std::function<bool(const std::string &)> &left_out);
 

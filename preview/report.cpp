@@ -169,7 +169,8 @@ std::string report_change(const Change &change) {
   std::string line{static_cast<char>(change.verdict)};
   line += " " + field(change, mode) + " " + field(change, owner) + " ";
   if (change.verdict != Verdict::Permissions) line += field(change, size) + " ";
-  return line + report_name(change.path) + remark(change);
+  return line + report_name(change.path) + remark(change) +
+         (change.rights.empty() ? "" : " (" + change.rights + ")");
 }
 
 std::string report_total(const Total &total) {

@@ -20,6 +20,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace installer {
@@ -124,6 +125,12 @@ TEST_F(Preview, TellsEachChange) {
        "A 0644 root:root 1 @/a-\nA 0755 root:root - @/a/\nA 0644 root:root 1 @/a/b\n"                                                                                                            },
       {"",                                                       "echo >sh.log; echo >sh.log12; echo >sh.log.1; mkdir d; echo >d/sh.log; rm sh.log12",
        "A 0755 root:root - @/d/\nA 0644 root:root 1 @/d/sh.log\nA 0644 root:root 1 @/sh.log.1\n"                                                                                                 },
+      {"",                                                       "mkfifo sh.log1; ln -s x sh.log2; echo >sh.log3; chmod 2711 sh.log3",
+       "A 0644 root:root 0 @/sh.log1 (pipe)\nA 0777 root:root 1 @/sh.log2 -> x\n"
+       "A 2711 root:root 1 @/sh.log3\n"                                                                                                                                                          },
+      {"echo >sh.log1; chmod 4755 sh.log1; mkdir sh.log2",
+       "rm -r sh.log*; echo >sh.log1; echo >sh.log2",                                                                                                  "P 4755->0644 root:root @/sh.log1\nA 0644 root:root 1 @/sh.log2\n"
+       "D 0755 root:root - @/sh.log2/ (0 entries)\n"                                                                                        },
   };
   for (const auto &r : rows) {
     const Outcome made = shell("umask 22; rm -rf ./*; chmod 1777 .; " + std::string{r.before});
@@ -134,6 +141,27 @@ TEST_F(Preview, TellsEachChange) {
     EXPECT_EQ(changes(outcome.console), want) << r.script << outcome.console;
     EXPECT_EQ(outcome.status, 0) << r.script;
   }
+}
+
+TEST_F(Preview, TellsRightsOfAttributes) {
+  // Rights to bind low ports; and user 1 may write.
+  using namespace std::string_literals;
+  const std::string capability = "\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0"s;
+  const std::string any = "\377\377\377\377", head = "\2\0\0\0\1\0\6\0"s;
+  const std::string list =
+      head + any + "\2\0\6\0\1\0\0\0\4\0\4\0"s + any + "\20\0\4\0"s + any + "\40\0\4\0"s + any;
+  for (const char *name : {"a", "b", "c", "d"}) write_file(name, "x");
+  fs::create_directory("e");
+  ASSERT_EQ(::setxattr("a", "security.capability", capability.data(), capability.size(), 0), 0);
+  ASSERT_EQ(::setxattr("c", "system.posix_acl_access", list.data(), list.size(), 0), 0);
+  ASSERT_EQ(::setxattr("e", "system.posix_acl_default", list.data(), list.size(), 0), 0);
+  const Outcome outcome =
+      preview({"sh", "-c", "mv a x; mv b a; mv x b; mv c d; mkdir e/f; echo >e/g; touch d"});
+  EXPECT_EQ(std::regex_replace(changes(outcome.console), std::regex{here}, "@"),
+            "P 0644 root:root @/a (capabilities)\nP 0644 root:root @/b (capabilities)\n"
+            "D 0644 root:root 1 @/c\nP 0644 root:root @/d (access list)\n"
+            "A 0644 root:root - @/e/f/ (access list, default access list)\n"
+            "A 0644 root:root 1 @/e/g (access list)\n");
 }
 
 TEST_F(Preview, TotalsAreOfFileSystems) {
