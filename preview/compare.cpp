@@ -195,6 +195,15 @@ void count(Comparing &x, const struct ::stat *before, const struct ::stat &after
   x.total.needed += std::max(space(x, after), had) - had;
 }
 
+/// What is not a copy of the machine's file any more lay beside it, before it took its name. Only
+/// the largest counts: the room of one is free again for the next.
+void count_beside(Comparing &x, const Opened &place, const std::string &name,
+                  const struct ::stat &before, const struct ::stat &after) {
+  const Descriptor entry = open_entry(place.changed.get(), name);
+  if (overlay_note(x, entry.get(), "origin").empty())
+    x.total.beside = std::max(x.total.beside, std::min(space(x, before), space(x, after)));
+}
+
 // ---- Verdicts ----
 
 /// `path` is absolute.
@@ -233,6 +242,7 @@ void stayed(Comparing &x, const Opened &place, const std::string &name, std::str
             const struct ::stat &before, const struct ::stat &after) {
   std::string rights = changed_rights(place, name, true);
   std::string target = target_of(place.changed.get(), name, after);
+  if (S_ISREG(after.st_mode)) count_beside(x, place, name, before, after);
   if (!same_contents(place, name, before, after)) {
     note(x, Verdict::Modified, std::move(path), &before, &after, std::move(target),
          std::move(rights));
@@ -322,6 +332,8 @@ void compare_layer(Comparing &x) {
 
 } // namespace
 
+bool total_fits(const Total &total) { return total.needed <= total.free; }
+
 std::string layer_path(const Layer &layer, const std::string &path) {
   return path.empty() ? layer.mount.point : tree_join(layer.mount.point, path);
 }
@@ -342,8 +354,10 @@ Comparison compare_view(const View &view,
     if (changed && (total.point.empty() || layer.mount.top < total.point))
       total.point = layer.mount.top;
   }
-  for (auto &[device, total] : totals)
+  for (auto &[device, total] : totals) {
+    total.needed += total.beside;
     if (!total.point.empty()) result.totals.push_back(std::move(total));
+  }
   std::ranges::sort(result.changes, [](const Change &a, const Change &b) {
     return a.path != b.path ? a.path < b.path : a.verdict > b.verdict; // what goes, then what comes
   });

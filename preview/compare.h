@@ -49,10 +49,12 @@ struct Written {
 
 /// A file system with changes. `point`: where it is mounted; `files`: added or modified ones;
 /// `needed`, `free`: bytes, in whole blocks of it (what runs free is not counted: it may be freed
-/// too late); `unchanged`: files that were written with the contents and rights that they had.
+/// too late); `beside`: the part of `needed` for the largest file that was replaced by another one,
+/// which lay beside it until then; `unchanged`: files that were written with the contents and
+/// rights that they had.
 struct Total {
   std::string point;
-  std::uint64_t files = 0, needed = 0, free = 0, unchanged = 0;
+  std::uint64_t files = 0, needed = 0, free = 0, beside = 0, unchanged = 0;
 };
 
 /// `changes` are sorted by the bytes of their paths, `totals` by mount point, `written` not at all.
@@ -67,6 +69,8 @@ struct Comparison {
 [[nodiscard]] Comparison compare_view(const View &view,
                                       const std::function<bool(const std::string &)> &left_out);
 
+/// True when the file system has the room that is needed.
+[[nodiscard]] bool total_fits(const Total &total);
 /// The absolute path of an entry of a layer.
 [[nodiscard]] std::string layer_path(const Layer &layer, const std::string &path);
 

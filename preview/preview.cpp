@@ -5,6 +5,7 @@
 
 #include "installer/lines.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -201,6 +202,7 @@ int preview(Session &x, const Descriptor &manifest_folder, const std::string &ma
     std::printf(*status == 0 ? "The round trip leaves nothing.\n"
                              : "The round trip leaves the above.\n");
   }
+  if (*status == 0 && !std::ranges::all_of(comparison.totals, total_fits)) status = NotClean;
   int written = 0;
   if (x.preview.manifest != nullptr)
     written = write_manifest(x, comparison, manifest_folder, manifest_name);

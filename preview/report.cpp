@@ -174,7 +174,7 @@ std::string report_change(const Change &change) {
 }
 
 std::string report_total(const Total &total) {
-  const std::string fit = total.needed > total.free ? ", does not fit" : "";
+  const std::string fit = total_fits(total) ? "" : ", does not fit";
   return report_name(total.point) + ": " + std::to_string(total.files) +
          (total.files == 1 ? " file, " : " files, ") + std::to_string(total.needed) +
          " bytes needed, " + std::to_string(total.free) + " bytes free" + fit +

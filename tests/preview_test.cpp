@@ -168,19 +168,38 @@ TEST_F(Preview, TotalsAreOfFileSystems) {
   ASSERT_TRUE(mount_memory(here + "/small", "size=64k") && mount_memory(here + "/other"));
   write_file("small/same", "same");
   write_file("big", std::string(5000, '.'));
-  const std::string console =
+  const Outcome outcome =
       preview({"sh", "-c",
                "cp big small/1; cp big small/2; ln small/1 small/3; printf same >same;"
                "printf same >small/same; head -c 70000 big big big big big big big big "
-               "big big big big big big >small/4; rm big"})
-          .console;
+               "big big big big big big >small/4; rm big"});
+  const std::string &console = outcome.console;
   const std::string wants[] = {
       "\n\n" + here + ": 1 file, 4096 bytes needed, ",
       "\n" + here +
           "/small: 4 files, 90112 bytes needed, 61440 bytes free, does not fit, unchanged: 1\n"};
   for (const std::string &want : wants) EXPECT_NE(console.find(want), console.npos) << console;
   EXPECT_EQ(console.find("/other"), console.npos);
+  EXPECT_EQ(WEXITSTATUS(outcome.status), 1);
   EXPECT_EQ(preview({"true"}).console, "\nNothing would change.\n");
+  write_file("small/old", std::string(30000, 'x'));
+  const struct {
+    const char *script, *told;
+    int status;
+  } rows[] = {
+      {"printf 1 >>small/old",                                                            " 0 bytes needed, 28672 bytes free, un", 0},
+      {"chmod 600 small/old",                                                             " 0 bytes needed",                       0},
+      {"cp small/old small/.n; printf 1 >>small/.n; mv small/.n small/old",
+       " 32768 bytes needed, 28672 bytes free, does not fit",                                                                      1},
+      {"cp small/old small/.n; mv small/.n small/old; exit 3",                            ", does not fit, unchanged: 1",          3},
+      {"cp big small/.n; mv small/.n small/old; cp big small/.n; mv small/.n small/same",
+       " 12288 bytes needed",                                                                                                      0},
+  };
+  for (const auto &[script, told, status] : rows) {
+    const Outcome replaced = preview({"sh", "-c", script});
+    EXPECT_NE(replaced.console.find(told), console.npos) << script << replaced.console;
+    EXPECT_EQ(WEXITSTATUS(replaced.status), status) << script;
+  }
 }
 
 // ---- Nothing happens to the machine ----
@@ -277,7 +296,7 @@ echo 2 >bind/sub/f; cat real/sub/f deep/f ro/sub/f; echo 3 >file; cat single
 touch ro/new 2>/dev/null && echo written
 cp /bin/true noexec; noexec/true 2>/dev/null && echo executed
 [ "$(stat -c %d.%i /..)" = "$(stat -c %d.%i /)" ] || echo a way out
-grep -v -e ' - overlay ' -e '^[^-]* ro,' /proc/self/mountinfo
+grep -v -e ' - overlay ' -e ' - devpts ' -e '^[^-]* ro,' /proc/self/mountinfo
 rm noexec/true; exit 5)sh"});
   EXPECT_TRUE(outcome.console.starts_with("2\n2\n2\n3\n\nA ")) << outcome.console;
   for (const char *line :
