@@ -123,36 +123,37 @@ Comparison compare(const Session &x) {
   return compare_view(x.view, [&log](const std::string &path) { return is_log(path, log); });
 }
 
-RunResult run(const Session &x, const std::vector<std::string> &more = {}) {
+RunResult run(Session &x, const std::vector<std::string> &more = {}) {
   std::vector<std::string> arguments = x.preview.command;
   arguments.insert(arguments.end(), more.begin(), more.end());
   return process_run(x.view, arguments, x.folder, x.streams);
 }
 
-/// A line between runs, behind what they wrote themselves.
-void say(const Session &x, const std::string &line) {
-  ::dprintf(x.streams.command[STDOUT_FILENO], "%s\n", line.c_str());
+/// A line between runs.
+void say(const std::string &line) {
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
 }
 
 /// One run of a round trip, with a line that says which. Nothing: it went well.
-std::optional<int> step(const Session &x, const std::vector<std::string> &more) {
+std::optional<int> step(Session &x, const std::vector<std::string> &more) {
   std::string line = "==";
   for (const std::string &word : x.preview.command) line += " " + report_name(word);
   for (const std::string &word : more) line += " " + word;
-  say(x, line);
+  say(line);
   const RunResult result = run(x, more);
   if (!result.started) return Wrong;
   if (result.status == 0) return {};
-  say(x, "\nThe run ended with status " + std::to_string(result.status) + ".");
+  say("\nThe run ended with status " + std::to_string(result.status) + ".");
   return result.status;
 }
 
 /// Install, upgrade when the product has one, removal.
-std::optional<int> make_round_trip(const Session &x) {
+std::optional<int> make_round_trip(Session &x) {
   const std::vector<std::string> automate{"-automate"};
   if (const auto status = step(x, automate)) return status;
   if (compare(x).changes.empty()) {
-    say(x, "\nThe install changed nothing, so that there is nothing to remove.");
+    say("\nThe install changed nothing, so that there is nothing to remove.");
     return NotClean;
   }
   if (has_upgrade(x.product))
@@ -194,7 +195,6 @@ int preview(Session &x, const Descriptor &manifest_folder, const std::string &ma
     if (!result.started) return Wrong;
     status = result.status;
   }
-  streams_close(x.streams);
   const Comparison comparison = compare(x);
   print("\n" + report_changes(comparison) + report_totals(comparison));
   if (x.preview.round_trip && !status) {
@@ -207,6 +207,7 @@ int preview(Session &x, const Descriptor &manifest_folder, const std::string &ma
   if (x.preview.manifest != nullptr)
     written = write_manifest(x, comparison, manifest_folder, manifest_name);
   view_close(x.view);
+  streams_close(x.streams);
   return flush_report() && written == 0 ? *status : Wrong;
 }
 
@@ -254,6 +255,8 @@ int preview_main(int argc, char **argv) {
   if (x.manifest != nullptr)
     if (Refused refused = open_manifest_folder(manifest, manifest_folder)) return fail(*refused);
   if (Refused refused = view_open(session.view, x.keep, session.folder)) return fail(*refused);
+  if (!streams_connect(session.streams, view_terminals(session.view).get()))
+    return fail(refusal("no terminal of the view's own"));
   tell_limits(session.view);
   return preview(session, manifest_folder, manifest.filename().string());
 }

@@ -1,8 +1,8 @@
 #pragma once
 
 // installer-preview: runs a command on a copy-on-write view of the machine, and prints what it
-// would have changed. The modules, from the ground up: tree, mounts, view, streams, process,
-// compare, report; a header includes only what stands before it.
+// would have changed. The modules, from the ground up: tree, mounts, view, terminal,
+// streams, filter, process, compare, report; a header includes only what stands before it.
 
 namespace installer {
 

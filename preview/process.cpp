@@ -1,5 +1,7 @@
 #include "preview/process.h"
 
+#include "preview/filter.h"
+
 #include <csignal>
 #include <cstring>
 
@@ -22,7 +24,9 @@ constexpr int CannotRun = 126;
 constexpr int NotFound = 127;
 constexpr int Refused125 = 125;
 constexpr int SignalBase = 128;
-constexpr int Forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+/// Where the first process tells what happens.
+constexpr int Events = 3;
+constexpr int Forwarded[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
 /// What root keeps in the view: everything that changes files and owners. Without the rest it can
 /// neither undo the view (mounts), nor reach the machine behind it (network settings, modules,
@@ -33,15 +37,18 @@ constexpr int KeptRights[] = {
     CAP_LEASE,           CAP_SETFCAP,      CAP_SYS_NICE,   CAP_SYS_RESOURCE, CAP_NET_BIND_SERVICE,
     CAP_LINUX_IMMUTABLE, CAP_IPC_OWNER,    CAP_AUDIT_WRITE};
 
+/// What the first process tells.
+constexpr char Started = 's', Stopped = 'z';
+
 /// Everything that a run consists of. `go`: ends with the preview, until it has let the first
-/// process begin; `ready`: tells it that the command is in the view.
+/// process begin; `events`: tells it that the command is in the view, and that it was stopped.
 struct Run {
   const View &view;
   const std::vector<std::string> &arguments;
   const std::string &folder;
-  const Streams &streams;
+  Streams &streams;
   ::sigset_t mask{};
-  std::array<int, 2> go{-1, -1}, ready{-1, -1};
+  std::array<int, 2> go{-1, -1}, events{-1, -1};
 };
 
 int complain(const std::string &text) {
@@ -52,44 +59,52 @@ int complain(const std::string &text) {
 
 // ---- Signals ----
 
-/// Where signals go on to; a process has one.
+/// Where signals go on to, as kill(2) takes it; a process has one.
 ::pid_t signal_target = 0;
 
-/// The terminal sends to the whole group: the command has that signal already.
+/// What the terminal sends, it would have sent to the command itself; whoever sends to this process
+/// wants its end.
 void forward(int number, ::siginfo_t *info, void * /*context*/) {
   const KeepErrno keep;
-  if (info->si_code > 0) return;
   ::kill(signal_target, number);
-  ::alarm(Patience);
+  if (info->si_code <= 0 && number != SIGTSTP && signal_target > 0) ::alarm(Patience);
 }
 
 void lose_patience(int /*number*/) { ::kill(signal_target, SIGKILL); }
 
-::sigset_t forwarded_set() {
+/// SIGTTOU: the first steps of a command are made in the background of its terminal.
+::sigset_t blocked_set() {
   ::sigset_t set;
   ::sigemptyset(&set);
+  ::sigaddset(&set, SIGTTOU);
   for (const int number : Forwarded) ::sigaddset(&set, number);
   return set;
+}
+
+void set_handler(int number) {
+  struct ::sigaction handler = {};
+  handler.sa_sigaction = forward;
+  handler.sa_flags = SA_SIGINFO | SA_RESTART;
+  ::sigaction(number, &handler, nullptr);
+}
+
+bool is_ignored(int number) {
+  struct ::sigaction old = {};
+  return ::sigaction(number, nullptr, &old) == 0 && old.sa_handler == SIG_IGN;
 }
 
 /// Ignored ones stay ignored, as nohup(1) and background jobs want them.
 void forward_signals(::pid_t target) {
   signal_target = target;
   std::signal(SIGALRM, lose_patience);
-  struct ::sigaction handler = {}, old = {};
-  handler.sa_sigaction = forward;
-  handler.sa_flags = SA_SIGINFO | SA_RESTART;
   for (const int number : Forwarded)
-    if (::sigaction(number, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
-      ::sigaction(number, &handler, nullptr);
+    if (!is_ignored(number)) set_handler(number);
 }
 
 void restore_signals() {
   ::alarm(0);
-  struct ::sigaction old = {};
   for (const int number : Forwarded)
-    if (::sigaction(number, nullptr, &old) == 0 && old.sa_handler != SIG_IGN)
-      std::signal(number, SIG_DFL);
+    if (!is_ignored(number)) std::signal(number, SIG_DFL);
   std::signal(SIGALRM, SIG_DFL);
 }
 
@@ -98,27 +113,26 @@ int exit_status(int status) {
   return WIFSIGNALED(status) ? SignalBase + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-/// Waits for `pid`; reaps whatever else ends meanwhile when `all`.
-int wait_for(::pid_t pid, bool all) {
+int wait_for(::pid_t pid) {
   int status = 0;
-  while (true) {
-    const ::pid_t ended = ::waitpid(all ? -1 : pid, &status, 0);
-    if (ended == pid) return exit_status(status);
-    if (ended < 0 && errno != EINTR) return Refused125;
-  }
+  while (::waitpid(pid, &status, 0) != pid)
+    if (errno != EINTR) return Refused125;
+  return exit_status(status);
 }
 
 // ---- The first process ----
 
-/// Root never sees the machine's processes: the root directories of theirs lead out of the view. To
-/// a user the kernel refuses those, but it may refuse the new file system as well.
-bool mount_processes(const View &view, const std::string &point) {
-  const std::string place = "." + point;
-  constexpr unsigned long flags = MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY;
-  if (::mount("proc", place.c_str(), "proc", flags, nullptr) == 0) return true;
-  if (!view.user) return false;
-  const Descriptor tree{
-      ::open_tree(AT_FDCWD, point.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
+/// Of the process name space, and of the one for IPC. Root never sees the machine's processes: the
+/// root directories of theirs lead out of the view. To a user the kernel refuses those, but it may
+/// refuse the new file system as well.
+bool mount_fresh(const View &view, const Fresh &fresh) {
+  const std::string place = "." + fresh.point;
+  const bool processes = fresh.type == "proc";
+  const unsigned long flags = MS_NOSUID | MS_NODEV | MS_NOEXEC | (processes ? MS_RDONLY : 0);
+  if (::mount("none", place.c_str(), fresh.type.c_str(), flags, nullptr) == 0) return true;
+  if (!view.user || !processes) return false;
+  const Descriptor tree{::open_tree(AT_FDCWD, fresh.point.c_str(),
+                                    OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE)};
   return tree &&
          ::move_mount(tree.get(), "", AT_FDCWD, place.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0;
 }
@@ -131,9 +145,9 @@ bool enter_folder(const std::string &folder) {
 /// The working directory is the root of the view. The old root directory is then mounted on it, and
 /// the view's private place on that: both go, with all that hangs on them.
 int enter_view(const Run &run) {
-  for (const std::string &point : run.view.processes)
-    if (!mount_processes(run.view, point))
-      return complain(point + " cannot be mounted in the view");
+  for (const Fresh &fresh : run.view.fresh)
+    if (!mount_fresh(run.view, fresh))
+      return complain(fresh.point + " cannot be mounted in the view");
   if (::syscall(SYS_pivot_root, ".", ".") != 0 || ::umount2(".", MNT_DETACH) != 0 ||
       ::umount2(".", MNT_DETACH) != 0 || ::chdir("/") != 0)
     return complain("the view cannot take the place of the root directory");
@@ -157,23 +171,18 @@ bool drop_rights() {
   return ::syscall(SYS_capset, &header, sets.data()) == 0;
 }
 
-/// Puts the streams in their places. All of them are copied aside first: a place may hold another
-/// one.
-bool take_streams(const Streams &streams) {
-  constexpr int aside = 3;
-  std::array<int, 3> copies{};
-  for (std::size_t i = 0; i < copies.size(); ++i)
-    copies[i] = streams.command[i] < 0 ? -1 : ::fcntl(streams.command[i], F_DUPFD, aside);
-  for (std::size_t i = 0; i < copies.size(); ++i) {
-    const int fd = static_cast<int>(i);
-    if (copies[i] < 0) ::close(fd);
-    else if (::dup2(copies[i], fd) < 0) return false;
-  }
-  return ::syscall(SYS_close_range, aside, ~0U, 0) == 0;
+/// A group of its own, which has the terminal, so that the terminal can stop it.
+void become_group(const Streams &streams) {
+  ::setpgid(0, 0);
+  for (std::size_t i = 0; i < streams.command.size(); ++i)
+    if (streams.command[i] == TerminalStream) ::tcsetpgrp(static_cast<int>(i), ::getpid());
 }
 
 [[noreturn]] void become_command(const Run &run) {
-  if (!drop_rights() || !take_streams(run.streams)) ::_exit(complain("the command's rights"));
+  become_group(run.streams);
+  ::close(Events);
+  if (!filter_calls()) ::_exit(complain("the command's system calls cannot be restricted"));
+  if (!drop_rights()) ::_exit(complain("the command's rights"));
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
   std::vector<std::string> words = run.arguments; // exec wants them writable
   std::vector<char *> argv;
@@ -186,6 +195,20 @@ bool take_streams(const Streams &streams) {
   ::_exit(status);
 }
 
+void tell(char event) { static_cast<void>(!::write(Events, &event, 1)); }
+
+/// Waits for the command, and reaps whatever else ends meanwhile.
+int watch(::pid_t command) {
+  int status = 0;
+  while (true) {
+    const ::pid_t changed = ::waitpid(-1, &status, WUNTRACED);
+    if (changed < 0 && errno != EINTR) return Refused125;
+    if (changed != command) continue;
+    if (!WIFSTOPPED(status)) return exit_status(status);
+    tell(Stopped);
+  }
+}
+
 /// The first process of the name space: enters the view, starts the command, and ends with it,
 /// which ends all others. Nobody may look into it, for it has what the command must not have.
 [[noreturn]] void be_first(const Run &run) {
@@ -196,69 +219,83 @@ bool take_streams(const Streams &streams) {
   if (::read(run.go[0], &byte, 1) != 1) ::_exit(Refused125); // the preview has ended already
   const int refused = enter_view(run);
   if (refused != 0) ::_exit(refused);
-  static_cast<void>(!::write(run.ready[1], &byte, 1));
+  if (!streams_take(run.streams, run.events[1])) ::_exit(complain("the command's streams"));
+  tell(Started);
   const ::pid_t command = ::fork();
   if (command < 0) ::_exit(complain("fork"));
   if (command == 0) become_command(run);
-  ::syscall(SYS_close_range, 3, ~0U, 0);
-  forward_signals(command);
+  ::setpgid(command, command);
+  forward_signals(-command);
+  set_handler(SIGCONT);
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
-  ::_exit(wait_for(command, true));
+  ::_exit(watch(command));
 }
 
 ::pid_t start_first() {
   struct ::clone_args arguments = {};
-  arguments.flags = CLONE_NEWNS | CLONE_NEWPID;
+  arguments.flags = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWIPC;
   arguments.exit_signal = SIGCHLD;
   return static_cast<::pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
 }
 
-// ---- The terminal ----
+// ---- The preview ----
 
-/// A command that took the terminal for a group of its own may not have given it back.
-class KeepTerminal {
-public:
-  KeepTerminal() : mine_(::tcgetpgrp(STDERR_FILENO) == ::getpgrp()) {}
-  KeepTerminal(const KeepTerminal &) = delete;
-  KeepTerminal &operator=(const KeepTerminal &) = delete;
-  ~KeepTerminal() {
-    if (!mine_) return;
-    auto *const old = std::signal(SIGTTOU, SIG_IGN);
-    ::tcsetpgrp(STDERR_FILENO, ::getpgrp());
-    std::signal(SIGTTOU, old);
+/// Stops with the command, which the terminal has stopped, until both are continued. Where a shell
+/// does not look after this process, the command goes on at once.
+void stop_too(Streams &streams, ::pid_t first) {
+  terminal_release(streams.terminal);
+  if (!is_ignored(SIGTSTP)) {
+    std::signal(SIGTSTP, SIG_DFL);
+    ::kill(0, SIGTSTP);
+    set_handler(SIGTSTP);
   }
+  ::kill(first, SIGCONT);
+}
 
-private:
-  bool mine_;
-};
+/// 0 when the first process has ended.
+char next_event(int events) {
+  char event = 0;
+  while (::read(events, &event, 1) < 0 && errno == EINTR) {
+  }
+  return event;
+}
+
+/// Relays until the first process has ended. False: the command never was in the view.
+bool accompany(Streams &streams, ::pid_t first, int events) {
+  if (next_event(events) != Started) return false;
+  while (true) {
+    streams_relay(streams, events);
+    if (next_event(events) != Stopped) return true;
+    stop_too(streams, first);
+  }
+}
 
 } // namespace
 
 RunResult process_run(const View &view, const std::vector<std::string> &arguments,
-                      const std::string &folder, const Streams &streams) {
-  const KeepTerminal terminal;
+                      const std::string &folder, Streams &streams) {
   Run run{view, arguments, folder, streams};
-  if (::pipe2(run.go.data(), O_CLOEXEC) != 0 || ::pipe2(run.ready.data(), O_CLOEXEC) != 0)
+  if (::pipe2(run.go.data(), O_CLOEXEC) != 0 || ::pipe2(run.events.data(), O_CLOEXEC) != 0)
     return {false, complain("pipe")};
-  const ::sigset_t blocked = forwarded_set();
+  const ::sigset_t blocked = blocked_set();
   ::sigprocmask(SIG_BLOCK, &blocked, &run.mask);
   const ::pid_t first = start_first();
   if (first == 0) be_first(run);
   const int cause = errno;
-  for (const int fd : {run.go[0], run.ready[1]}) ::close(fd);
-  Descriptor go{run.go[1]}, ready{run.ready[0]};
+  for (const int fd : {run.go[0], run.events[1]}) ::close(fd);
+  const Descriptor go{run.go[1]}, events{run.events[0]};
   RunResult result;
   errno = cause;
   if (first < 0) {
     complain("no process name space");
   } else {
-    char byte = 0;
     forward_signals(first);
-    static_cast<void>(!::write(go.get(), &byte, 1));
+    static_cast<void>(!::write(go.get(), "", 1));
     ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
-    result.status = wait_for(first, false);
-    result.started = ::read(ready.get(), &byte, 1) == 1;
+    result.started = accompany(streams, first, events.get());
+    result.status = wait_for(first);
     restore_signals();
+    streams_drain(streams);
   }
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
   return result;

@@ -5,8 +5,9 @@
 // find a way to the machine's files through one. The first process of that name space ends with
 // this process, however that ends, and takes all others with it; so no run outlives the preview.
 //
-// The command stays in the process group of this process, so that the terminal's signals and job
-// control reach it as they would without a preview.
+// The command is in a session of its own, so that nothing that it does to sessions, groups and
+// their terminal concerns the caller's. Signals go on to it, and when it stops this process stops
+// as well.
 
 #include "preview/streams.h"
 #include "preview/view.h"
@@ -25,9 +26,10 @@ struct RunResult {
 
 /// Runs `arguments` (the command first, looked up in PATH) in `folder` of the view with the
 /// standard streams of `streams`, and waits for its end. Processes that the command leaves behind
-/// are ended. SIGINT, SIGTERM, SIGHUP and SIGQUIT sent to this process go on to the command, unless
-/// they were ignored; a command that does not end within some seconds of that is killed.
+/// are ended. SIGINT, SIGTERM, SIGHUP, SIGQUIT and SIGTSTP of this process go on to the command and
+/// its group, unless they were ignored. A command that does not end within some seconds of one that
+/// another process sent is killed. Afterwards everything that was written has been passed on.
 [[nodiscard]] RunResult process_run(const View &view, const std::vector<std::string> &arguments,
-                                    const std::string &folder, const Streams &streams);
+                                    const std::string &folder, Streams &streams);
 
 } // namespace installer

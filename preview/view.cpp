@@ -58,6 +58,37 @@ bool change(int tree, std::uint64_t set, unsigned flags = 0, std::uint64_t clear
   return ::mount_setattr(tree, "", AT_EMPTY_PATH | flags, &attributes, sizeof attributes) == 0;
 }
 
+// ---- Doors ----
+
+/// What stands for a file of a type that leads to somebody else's process: one that leads nowhere.
+struct Door {
+  ::mode_t type;
+  const char *place;
+  ::mode_t made;
+};
+constexpr Door doors[] = {
+    {S_IFSOCK, "socket",   S_IFSOCK | 0666},
+    {S_IFIFO,  "pipe",     S_IFIFO | 0666 },
+    {S_IFCHR,  "terminal", S_IFREG        }, // one of the machine's, as containers have it for a console
+};
+
+std::string door_for(::mode_t type) {
+  for (const Door &door : doors)
+    if (door.type == type) return door.place;
+  return {};
+}
+
+bool is_door(const std::string &source) {
+  return std::ranges::any_of(doors, [&source](const Door &door) { return door.place == source; });
+}
+
+bool make_doors(int place) {
+  return std::ranges::all_of(doors, [place](const Door &door) {
+    return ::mknodat(place, door.place, door.made, 0) == 0 &&
+           ::fchmodat(place, door.place, door.made & 07777U, 0) == 0; // whatever the umask is
+  });
+}
+
 // ---- Name spaces ----
 
 bool write_text_file(const char *path, const std::string &text) {
@@ -116,13 +147,18 @@ Refused take_kept(const char *keep, Descriptor &kept) {
   return {};
 }
 
-Descriptor new_memory() {
-  const Descriptor fs{::fsopen("tmpfs", FSOPEN_CLOEXEC)};
-  if (!fs || ::fsconfig(fs.get(), FSCONFIG_SET_STRING, "mode", "0700", 0) != 0 ||
+Descriptor new_file_system(const char *type, const char *option, const char *value) {
+  const Descriptor fs{::fsopen(type, FSOPEN_CLOEXEC)};
+  if (!fs || ::fsconfig(fs.get(), FSCONFIG_SET_STRING, option, value, 0) != 0 ||
       ::fsconfig(fs.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0)
     return Descriptor{};
   return Descriptor{::fsmount(fs.get(), FSMOUNT_CLOEXEC, 0)};
 }
+
+Descriptor new_memory() { return new_file_system("tmpfs", "mode", "0700"); }
+
+/// Each of these has terminals of its own.
+Descriptor new_terminals() { return new_file_system("devpts", "ptmxmode", "0666"); }
 
 /// The place is mounted over the root directory, which exists on every machine. This process keeps
 /// the directory below; everything in the place is reached through its descriptor.
@@ -133,8 +169,11 @@ Refused make_place(View &view, Descriptor kept) {
   view.place = new_memory();
   if (!view.place || !attach(view.place.get(), root.get()))
     return refusal("no private memory file system");
-  for (const char *name : {"view", "machine", "both", "changed", "skeleton"})
+  for (const char *name : {"view", "machine", "both", "changed", "skeleton", "terminals"})
     if (!tree_make(view.place.get(), name, Private)) return refusal(name);
+  if (!make_doors(view.place.get())) return refusal("no sockets of the view's own");
+  if (!attach(new_terminals().get(), tree_open(view.place.get(), "terminals", O_PATH).get()))
+    return refusal("no terminals of the view's own");
   view.keeps = static_cast<bool>(kept);
   if (view.keeps && !attach(kept.get(), tree_open(view.place.get(), "changed", O_PATH).get()))
     return refusal("the kept layers cannot be mounted");
@@ -250,8 +289,8 @@ bool has_mount_below(const Making &making, const std::string &path) {
 
 bool is_mount(const Making &making, const std::string &path) {
   const auto here = [&path](const Mount &mount) { return mount.point == path; };
-  return std::ranges::any_of(making.mounts, here) ||
-         std::ranges::find(making.view.processes, path) != making.view.processes.end();
+  const auto fresh = [&path](const Fresh &other) { return other.point == path; };
+  return std::ranges::any_of(making.mounts, here) || std::ranges::any_of(making.view.fresh, fresh);
 }
 
 void copy_link(int link, int place, const std::string &path) {
@@ -325,13 +364,15 @@ bool stays(const Mount &mount) {
          mounts_are_kernel_made(mount.type);
 }
 
-/// The directory in the place that stands for a mount; "" for the mount itself.
+/// The entry of the place that stands for a mount; "" for the mount itself. One that is read-only
+/// has a layer too: through a layer, no socket and no pipe leads anywhere.
 std::string stand_in(Making &making, const Mount &mount) {
-  if (stays(mount)) return {};
   const Descriptor entry = tree_open(AT_FDCWD, mount.point, O_PATH | O_NOFOLLOW);
   const ::mode_t type = type_of(entry.get());
-  std::string shared = share_layer(making, mount, type);
-  if (!shared.empty() || mount.read_only) return shared;
+  if (mount.type == "devpts") return type == S_IFDIR ? "terminals" : door_for(type);
+  if (stays(mount)) return {};
+  if (std::string shared = share_layer(making, mount, type); !shared.empty()) return shared;
+  if (type == S_IFSOCK || type == S_IFIFO) return door_for(type);
   if (type == S_IFDIR) {
     const Descriptor machine = copy_tree(entry.get());
     if (!machine && errno == EINVAL && has_mount_below(making, mount.point))
@@ -340,7 +381,7 @@ std::string stand_in(Making &making, const Mount &mount) {
       return side_path(making.view.layers.back().number, Side::Both);
     making.cause = errno;
   }
-  if (may_write(entry.get())) making.view.read_only.push_back(mount.point);
+  if (!mount.read_only && may_write(entry.get())) making.view.read_only.push_back(mount.point);
   return {};
 }
 
@@ -351,7 +392,7 @@ std::vector<StandIn> make_stand_ins(Making &making) {
   for (making.next = 0; making.next < making.mounts.size(); ++making.next) {
     const Mount mount = making.mounts[making.next];
     StandIn next{mount.point, stand_in(making, mount), mount.attributes};
-    if (mount.read_only || next.source.starts_with("skeleton"))
+    if (mount.read_only || next.source.starts_with("skeleton") || is_door(next.source))
       next.attributes |= MOUNT_ATTR_RDONLY;
     all.push_back(std::move(next));
   }
@@ -370,32 +411,64 @@ Descriptor mount_of(const View &view, const StandIn &stand_in) {
   return tree;
 }
 
+Refused attach_in_view(const View &view, const StandIn &stand_in) {
+  const Descriptor tree = mount_of(view, stand_in);
+  const Descriptor target =
+      tree_open(view.place.get(), "view" + stand_in.point, O_PATH | O_NOFOLLOW);
+  // What this user cannot list was not rebuilt, so that mounts below it have no place.
+  if (!target && view.user) return {};
+  if (tree && target && attach(tree.get(), target.get())) return {};
+  return refusal(stand_in.point + " cannot be mounted in the view");
+}
+
+/// Closes the doors in a file system that is shown as it is.
+Refused close_doors(const View &view, const std::string &point) {
+  const int place = view.place.get();
+  struct ::stat top = {}, info = {};
+  std::vector<std::string> waiting{point};
+  static_cast<void>(::fstat(tree_open(place, "view" + point, O_PATH).get(), &top));
+  while (!waiting.empty()) {
+    const std::string folder = std::move(waiting.back());
+    waiting.pop_back();
+    const Descriptor directory = tree_open_directory(place, "view" + folder);
+    for (const std::string &name : tree_names(directory.get())) {
+      const std::string path = tree_join(folder, name);
+      if (::fstatat(directory.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      const ::mode_t type = info.st_mode & S_IFMT;
+      if (type == S_IFDIR && info.st_dev == top.st_dev) waiting.push_back(path);
+      if (type != S_IFSOCK && type != S_IFIFO) continue;
+      if (Refused refused = attach_in_view(view, {path, door_for(type), MOUNT_ATTR_RDONLY}))
+        return refused;
+    }
+  }
+  return {};
+}
+
 /// In the order of their mount points, so that each finds the one that it lies on.
 Refused attach_all(const View &view, const std::vector<StandIn> &all) {
   for (const StandIn &stand_in : all) {
     // What has vanished meanwhile, a scratch file of somebody's say, takes no part.
     if (!tree_open(AT_FDCWD, stand_in.point, O_PATH | O_NOFOLLOW) && errno == ENOENT) continue;
-    const Descriptor tree = mount_of(view, stand_in);
-    const Descriptor target =
-        tree_open(view.place.get(), "view" + stand_in.point, O_PATH | O_NOFOLLOW);
-    // What this user cannot list was not rebuilt, so that mounts below it have no place.
-    if (!target && view.user) continue;
-    if (!tree || !target || !attach(tree.get(), target.get()))
-      return refusal(stand_in.point + " cannot be mounted in the view");
+    if (Refused refused = attach_in_view(view, stand_in)) return refused;
+    if (stand_in.point == "/dev" && stand_in.source.empty())
+      if (Refused refused = close_doors(view, stand_in.point)) return refused;
   }
   return {};
 }
 
-/// Each run gets process file systems of its own; nothing below the machine's is shown.
-void take_processes(Making &making) {
-  std::vector<std::string> &points = making.view.processes;
+/// Nothing below the machine's is shown.
+void take_fresh(Making &making) {
+  std::vector<Fresh> &all = making.view.fresh;
   for (const Mount &mount : making.mounts) {
     making.points.push_back(mount.point);
-    if (mount.type == "proc" && mount.root == "/") points.push_back(mount.point);
+    if ((mount.type == "proc" || mount.type == "mqueue") && mount.root == "/")
+      all.push_back({mount.type, mount.point});
   }
-  std::erase_if(making.mounts, [&points](const Mount &mount) {
-    const auto holds = [&mount](const std::string &p) { return tree_within(mount.point, p); };
-    return mount.type == "proc" || std::ranges::any_of(points, holds);
+  std::erase_if(making.mounts, [&all](const Mount &mount) {
+    const auto holds = [&mount](const Fresh &fresh) {
+      return tree_within(mount.point, fresh.point);
+    };
+    return mount.type == "proc" || mount.type == "mqueue" || std::ranges::any_of(all, holds);
   });
 }
 
@@ -445,7 +518,7 @@ void take_user_folders(Making &making, const std::string &folder) {
 }
 
 Refused make_mounts(Making &making, const std::string &folder) {
-  take_processes(making);
+  take_fresh(making);
   if (making.view.user) {
     take_user_folders(making, folder);
     std::ranges::sort(making.mounts, {}, &Mount::point);
@@ -492,6 +565,10 @@ Refused view_open(View &view, const char *keep, const std::string &folder) {
   const Descriptor root = tree_open(view.place.get(), "view", O_PATH | O_DIRECTORY);
   if (!root || ::fchdir(root.get()) != 0) return refusal("the root of the view");
   return {};
+}
+
+Descriptor view_terminals(const View &view) {
+  return tree_open(view.place.get(), "terminals", O_PATH | O_DIRECTORY);
 }
 
 Descriptor view_side(const View &view, const Layer &layer, Side side) {

@@ -25,16 +25,22 @@ struct Layer {
   struct ::stat start = {};
 };
 
+/// A file system that each run gets anew: its type, and where it is mounted.
+struct Fresh {
+  std::string type, point;
+};
+
 /// `user`: it has a user name space, for want of rights. `place`: the private memory file system
-/// that all of it stands on. `layers`: the overlays, of `attempts` that were made. `processes`: the
-/// mount points of process file systems, which each run gets anew. `read_only`: what can be written
-/// to on the machine, but not in the view. `keeps`: the layers are kept in a directory.
+/// that all of it stands on. `layers`: the overlays, of `attempts` that were made. `fresh`: the
+/// machine's processes and message queues, in whose place each run has its own. `read_only`: what
+/// can be written to on the machine, but not in the view. `keeps`: the layers are kept in a
+/// directory.
 struct View {
   bool user = false;
   Descriptor place{};
   std::vector<Layer> layers;
   int attempts = 0;
-  std::vector<std::string> processes;
+  std::vector<Fresh> fresh;
   std::vector<std::string> read_only;
   bool keeps = false;
 };
@@ -49,6 +55,8 @@ enum class Side { Machine, Changed, Both };
 [[nodiscard]] Refused view_open(View &view, const char *keep, const std::string &folder);
 /// The root directory of one side of a layer; empty with errno set.
 [[nodiscard]] Descriptor view_side(const View &view, const Layer &layer, Side side);
+/// The terminal file system of the view; empty with errno set.
+[[nodiscard]] Descriptor view_terminals(const View &view);
 /// Puts a link `mount` to the mount point beside each kept layer, and removes those that are empty.
 void view_close(const View &view);
 

@@ -318,6 +318,91 @@ rm noexec/true; exit 5)sh"});
             "A 0644 root:root 1 " + here + "/x\n");
 }
 
+/// What a shell in name spaces of its own prints; `preview` calls the program there.
+static std::string apart(const std::string &script, const std::string &input, Via via) {
+  const std::string call = "preview() { $as " INSTALLER_PREVIEW " \"$@\"; }\n";
+  return run({"-c", call + script}, input, via, {"sh", be_apart, "/bin/sh"}).console;
+}
+
+/// Ways out of a view: in /dev of the test's own are a socket, a pipe and the caller's terminals.
+static constexpr const char *WaysOut = R"sh(
+exec 2>&1
+rm -rf ./*; mkdir d ro; for place in d ro; do mount -t tmpfs none $place; done; mkdir d/pts d/mqueue; touch one
+mount --bind /dev/pts d/pts; mknod -m 666 d/null c 1 3; mkfifo d/fifo; mkfifo -m 600 fifo
+mount -t mqueue none d/mqueue; touch d/mqueue/queue; mount --rbind d /dev
+perl -MSocket -e 'for (@ARGV) {
+  socket($s{$_}, AF_UNIX, SOCK_STREAM, 0); bind($s{$_}, sockaddr_un($_)); listen($s{$_}, 9);
+  chmod 0666, $_;
+} open F, ">ready"; print F 1; close F; sleep 60' /dev/socket ro/socket socket & server=$!
+while [ ! -s ready ]; do sleep 0.1; done
+mount --bind socket one; mount -o remount,bind,ro ro
+perl -e 'msgget(77, 01666); shmget(77, 1, 01666); semget(77, 1, 01666)'
+change='for fd in 0 1 2; do chmod 777 /proc/self/fd/$fd; chown 1:1 /proc/self/fd/$fd; done'
+)sh";
+
+TEST_F(Preview, NothingLeadsOut) {
+  const struct {
+    const char *script, *want;
+  } rows[] = {
+      {R"(preview perl -e 'print ioctl(STDIN, 0x5412, $x = "x") ? "typed" : $!')",
+       "Operation not permitted"                                                                                                                      },
+      {"preview unshare -U true",                                                                            "unshare failed: Operation not permitted"},
+      {R"(stat -Lc '%a %u' /dev/null; preview sh -c "$change" </dev/null; stat -Lc '%a %u.' /dev/null)",
+       "666 0."                                                                                                                                       },
+      {R"(stat -Lc '%a %u' - ; preview sh -c "$change"; stat -Lc '%a %u.' - )",                              "600 0."                                 },
+      {R"(exec 4<>fifo; preview sh -c "$change" >fifo; stat -c '%a %u.' fifo)",                              "600 0."                                 },
+      {"trap 'echo hit' TERM; preview sh -c 'kill 0'; echo =$?",                                             "\n=143\r\n"                             },
+      {R"(preview perl -MSocket -e 'for (qw(/dev/socket ro/socket one socket)) {
+            socket(my $s, AF_UNIX, SOCK_STREAM, 0); connect($s, sockaddr_un($_)); print "$!," }')",
+       "Connection refused,Connection refused,Connection refused,Connection refused,"                                                                 },
+      {R"(own=$(preview stat -c %i /dev/fifo | head -n 1); test $own -ne $(stat -c %i /dev/fifo) &&
+          echo other)",
+       "other"                                                                                                                                        },
+      {R"(preview perl -e 'print map { $_ // "none," } msgget(77, 0), shmget(77, 1, 0), semget(77, 1, 0)')",
+       "none,none,none,"                                                                                                                              },
+      {"preview sh -c 'echo $(ls /dev/mqueue /dev/pts); tty'",
+       "/dev/mqueue: /dev/pts: 0 ptmx\r\n/dev/pts/0\r\n"                                                                                              },
+  };
+  for (const char *as : {"", "setpriv --reuid=4711 --regid=4711 --clear-groups"}) {
+    std::string script = std::string{WaysOut} + "as='" + as + "'\n";
+    for (const auto &r : rows) script += "echo '[row]'\n" + std::string{r.script} + "\n";
+    const std::string console = apart(script + "kill $server\n", {}, Via::Pty);
+    std::size_t begin = console.find("[row]");
+    for (const auto &r : rows) {
+      const std::size_t end = console.find("[row]", begin + 1);
+      const std::string part = console.substr(begin, end - begin);
+      EXPECT_NE(part.find(r.want), part.npos) << as << r.script << part;
+      EXPECT_EQ(part.find("hit"), part.npos) << part;
+      begin = end;
+    }
+  }
+}
+
+TEST_F(Preview, TerminalIsRelayed) {
+  const struct {
+    const char *script, *input, *want;
+  } rows[] = {
+      {"stty cols 77 rows 33; preview stty size",                                       "",       "33 77\r\n"                      },
+      {R"(preview sh -c 'stty -echo; printf "Key? "; read x; stty echo; echo "[$x]"')", "abc\n",
+       "Key? [abc]\r\n"                                                                                                            },
+      {R"(preview sh -c 'printf "Name? "; read x; echo "[$x]"')",                       "abc\n",
+       "Name? abc\r\n[abc]\r\n"                                                                                                    },
+      {R"(preview sh -c 'printf "? "; read x'; echo =$?)",                              "\3\n",   "=130\r\n"                       },
+      {R"(preview sh -c 'printf "? "; cat'; echo =$?)",                                 "",       "=0\r\n"                         },
+      {R"(preview sh -c 'printf "? "; read x; echo "[$x]"'; echo =$?)",                 "\x1a\n", "[]\r\n"                         },
+      {"preview seq 30000",                                                             "",       "\n29999\r\n30000\r\n\r\nNothing"},
+      {"preview seq 30000 | cksum; preview yes | head -n 1",                            "",       "2697719541 168917\r\ny\r\n"     },
+      {"stty -g >a; preview true; stty -g >b; cmp a b && echo same",                    "",       "same"                           },
+      {"stty -g >a; for n in KILL USR1 TERM; do " INSTALLER_PREVIEW " sleep 9 & sleep 0.5\n"
+       "stty -g >b; cmp -s a b || echo raw >>c; kill -$n $!; wait $!; sleep 0.3; stty -g >b\n"
+       "cmp a b && echo same >>c; done; tr '\\n' , <c",                          "",       "raw,same,raw,same,raw,same,"    },
+  };
+  for (const auto &r : rows) {
+    const std::string console = apart(r.script, r.input, Via::Pty);
+    EXPECT_NE(console.find(r.want), console.npos) << r.script << console;
+  }
+}
+
 // ---- Runs ----
 
 TEST_F(Preview, StatusIsTheCommands) {
