@@ -348,9 +348,11 @@ TEST(Strict, SignalAtAnyMomentEndsTheRunWithALineOfTheLog) {
   for (int place = 7;; place += 7) {
     const TempDir dir;
     write_product();
-    const std::vector<int> both = {SIGTERM, SIGHUP}, one = {SIGTERM};
-    const int status = run_and_signal(place, place % 2 == 0 ? both : one, {"-automate", "-strict"},
-                                      {.prepare = elsewhere});
+    const auto send = [=](int pid) {
+      ::kill(pid, SIGTERM);
+      if (place % 2 == 0) ::kill(pid, SIGHUP);
+    };
+    const int status = run_traced(place, send, {"-automate", "-strict"}, {.prepare = elsewhere});
     if (!WIFSIGNALED(status)) break;
     const std::string log = read_file("pkg.log");
     if (log.find("Automated") == log.npos) continue;
@@ -379,10 +381,11 @@ TEST(Strict, SignalThatIsIgnoredOrInARunThatIsNotStrictDoesAsBefore) {
   const auto ignore = [] { std::signal(SIGHUP, SIG_IGN); };
   const TempDir dir;
   write_product();
-  EXPECT_EQ(run_and_signal(150, {SIGHUP}, {"-automate", "-strict"}, {.prepare = ignore}), 0);
+  const auto hang_up = [](int pid) { ::kill(pid, SIGHUP); };
+  EXPECT_EQ(run_traced(150, hang_up, {"-automate", "-strict"}, {.prepare = ignore}), 0);
   EXPECT_EQ(outcomes().size(), 1U);
   fs::remove("pkg.log");
-  EXPECT_EQ(WTERMSIG(run_and_signal(150, {SIGHUP}, {"-automate"})), SIGHUP);
+  EXPECT_EQ(WTERMSIG(run_traced(150, hang_up, {"-automate"})), SIGHUP);
   EXPECT_EQ(outcomes().size(), 0U);
 }
 

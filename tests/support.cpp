@@ -303,25 +303,8 @@ void refuse(std::initializer_list<unsigned> calls, unsigned error) {
   ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
 }
 
-bool run_and_stop(int call, const std::function<void(int)> &act,
-                  const std::vector<std::string> &arguments, const Start &start) {
-  const ::pid_t pid = ::fork();
-  if (pid == 0) {
-    if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
-    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // as in run_injected
-    execute(arguments, start);
-  }
-  int status = 0, stops = 0; // two for each call
-  for (; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
-    if (stops == 2 * call) act(pid);
-    ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-  }
-  return stops > 2 * call;
-}
-
-int run_and_signal(int last, const std::vector<int> &signals,
-                   const std::vector<std::string> &arguments, const Start &start) {
+int run_traced(int call, const std::function<void(int)> &act,
+               const std::vector<std::string> &arguments, const Start &start) {
   const ::pid_t pid = ::fork();
   if (pid == 0) {
     if (std::freopen("/dev/null", "w", stdout) == nullptr) ::_exit(1);
@@ -332,11 +315,18 @@ int run_and_signal(int last, const std::vector<int> &signals,
   int status = 0;
   for (int stops = 0; ::waitpid(pid, &status, 0) == pid && WIFSTOPPED(status); ++stops) {
     const int received = WSTOPSIG(status) == SIGTRAP ? 0 : WSTOPSIG(status);
-    if (stops == 2 * last)
-      for (const int signal : signals) ::kill(pid, signal);
+    if (stops == 2 * call) act(pid); // two for each call
     ::ptrace(PTRACE_SYSCALL, pid, nullptr, received);
   }
   return status;
+}
+
+bool run_and_stop(int call, const std::function<void(int)> &act,
+                  const std::vector<std::string> &arguments, const Start &start) {
+  bool reached = false;
+  run_traced(
+      call, [&](int pid) { reached = true, act(pid); }, arguments, start);
+  return reached;
 }
 
 bool run_and_kill(int last, const std::vector<std::string> &arguments, const Start &start) {

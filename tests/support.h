@@ -109,15 +109,14 @@ bool can_trace();
 int times(int usual);
 /// From now on these calls of the system fail so in this process and its children.
 void refuse(std::initializer_list<unsigned> calls, unsigned error);
-/// Runs the program to its end, and calls `act` with its process before its system call number
-/// `call`. False: it ended earlier.
+/// Runs the program to its end, without its console, and calls `act` with its process before its
+/// system call number `call`. The status.
+int run_traced(int call, const std::function<void(int)> &act,
+               const std::vector<std::string> &arguments, const Start &start = {});
+/// The same. False: it ended earlier.
 bool run_and_stop(int call, const std::function<void(int)> &act,
                   const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
-/// Runs the program, without its console, and sends it the signals before its system call number
-/// `last`; its status.
-int run_and_signal(int last, const std::vector<int> &signals,
-                   const std::vector<std::string> &arguments, const Start &start = {});
 /// Runs the program and kills it before its system call number `last`. False: it ended earlier.
 bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
