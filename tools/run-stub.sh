@@ -67,7 +67,7 @@ bring_log() {
 # folder's name by now may be another one, so this is done from within, where this shell still is.
 clean_up() {
   chmod u+rwx .
-  [ ! -d product ] || [ -L product ] || ( bring_log )
+  [ ! -d product ] || ( bring_log )
   rm -rf product 2>/dev/null || {
     chmod -R u+rwx product
     rm -rf product
