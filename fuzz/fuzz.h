@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -40,12 +41,25 @@ inline bool is_binary(const std::string &text) { return text.find('\0') != std::
 
 inline void check(bool holds) { holds ? void() : __builtin_trap(); }
 
-/// A regular file in memory that holds `text`.
+/// A regular file, in memory where /proc leads to it.
+struct Scratch {
+  Scratch() {
+    if (::access(path.c_str(), R_OK) == 0) return;
+    ::close(fd), fd = ::mkstemp((path = "/tmp/fuzz.XXXXXX").data());
+  }
+  ~Scratch() { ::unlink(path.c_str()); } // is refused in /proc
+  Scratch(const Scratch &) = delete;
+  Scratch &operator=(const Scratch &) = delete;
+
+  int fd = ::memfd_create("input", MFD_CLOEXEC);
+  std::string path = "/proc/self/fd/" + std::to_string(fd);
+};
+
+/// A file that holds `text`, until the next call.
 inline const char *as_file(const std::string &text) {
-  static const int fd = ::memfd_create("input", MFD_CLOEXEC);
-  static const std::string path = "/proc/self/fd/" + std::to_string(fd);
-  check(::ftruncate(fd, 0) == 0 && ::pwrite(fd, text.data(), text.size(), 0) >= 0);
-  return path.c_str();
+  static const Scratch file;
+  check(::ftruncate(file.fd, 0) == 0 && ::pwrite(file.fd, text.data(), text.size(), 0) >= 0);
+  return file.path.c_str();
 }
 
 /// The pieces between separators, each up to its first null byte: with `fewest` at least that many,

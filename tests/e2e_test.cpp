@@ -150,6 +150,7 @@ Once "Notices" is in @here/../noticeboard:
 }
 
 TEST_P(Demo, Interactive) {
+  if (GetParam() == Via::Pty && !has_terminals()) GTEST_SKIP() << "no pseudo-terminals";
   Tree copied = payload;
   copied["own notice"] = read_file("blurb.txt");
   words["@bytes"] = size_of(copied);
@@ -226,6 +227,10 @@ static void write_product(const std::string &changed = {}, const Text &text = {}
 }
 
 struct Small : testing::TestWithParam<Via> {
+  void SetUp() override {
+    if (GetParam() == Via::Pty && !has_terminals()) GTEST_SKIP() << "no pseudo-terminals";
+  }
+
   Tree words = {
       {"@product", "P"                                                   },
       {"@install", "@choose{1}\n[Install]\n"                             },
@@ -324,6 +329,7 @@ TEST_P(Small, InputThatFails) {
   expect("@1A []? {}\nError: You must enter an answer@againA []? {x}\n@review{}\n@done@bye@exit",
          "x", {}, {}, {}, {.prepare = make_input_impatient});
   for (const auto prepare : {make_input_fail, hang_up}) {
+    if (prepare == hang_up && !has_terminals()) continue;
     const Start failing = {.prepare = prepare};
     expect("@banner@choose@exit", "", {}, {}, {}, failing);
     expect("@banner[w]\n@review@exit", "", {}, {}, {"-special", "w"}, failing); // no consent

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -90,7 +91,8 @@ TEST_F(LinksTest, OwnLinksWork) {
         "WFile /proc/self/cwd/n value", "RFile /proc/thread-self/root/proc/mounts r",
         "MkDir chain/new/er", "Rename chain/new dir/newer", "RmDir chain/newer -",
         "RmFile chain/ini -", "RFile far r", "RFile in/alias r"})
-    EXPECT_TRUE(works(command)) << command << take_errors();
+    EXPECT_TRUE(works(command) || (!has_proc() && std::strstr(command, "/proc") != nullptr))
+        << command << take_errors();
   EXPECT_EQ(read_file("nothing") + read_file("real/f") + read_file("real/b") + read_file("n"),
             "newnewnewnew");
   EXPECT_EQ(fs::status("real/f").permissions(), fs::perms{0640});
@@ -234,6 +236,7 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
                               "Ini other/cwd/theirs/f out",
                               "WFile other/task/../root/dev/null value",
                               "CopyFile other/exe - ./src"}) {
+    if (!has_proc() && std::strstr(command, "tree/proc") != nullptr) break; // as all that follow
     EXPECT_FALSE(works(command)) << command;
     EXPECT_NE(take_errors().find("is not trusted"), std::string::npos) << command;
     EXPECT_EQ(read_tree("../safe"), before) << command;

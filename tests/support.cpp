@@ -188,8 +188,7 @@ void write_notes() {
     write_file(std::string{"files/"} + file, file);
   write_file("www/other", "");
   fs::create_symlink(INSTALLER_PROGRAM, "notes");
-  const struct ::passwd *user = ::getpwuid(::getuid());
-  const std::string owner = user != nullptr ? user->pw_name : "root";
+  const std::string user = user_name(), owner = user.empty() ? "root" : user;
   preset("notes.dat", "pages_dir $(current_dir)/www\npages true\nowner " + owner + "\n");
 }
 
@@ -289,6 +288,36 @@ bool can_have_view(void (*become)()) {
 }
 
 bool can_trace() { return std::system("strace -o /dev/null true 2>/dev/null") == 0; }
+
+bool has_proc() { return fs::exists("/proc/self/fd"); }
+
+bool has_terminals() {
+  int first = -1;
+  int second = -1;
+  if (::openpty(&first, &second, nullptr, nullptr, nullptr) != 0) return false;
+  ::close(first), ::close(second);
+  return true;
+}
+
+bool mount_over(const std::map<std::string, std::string> &files) {
+  bool mounted = ::unshare(CLONE_NEWNS) == 0 &&
+                 ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  for (const auto &[file, over] : files)
+    mounted = mounted && ::mount(file.c_str(), over.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  return mounted;
+}
+
+bool can_mount() {
+  const ::pid_t pid = ::fork();
+  if (pid == 0) ::_exit(mount_over({}) ? 0 : 1);
+  int status = -1;
+  return ::waitpid(pid, &status, 0) == pid && status == 0;
+}
+
+std::string user_name() {
+  const struct ::passwd *const user = ::getpwuid(::geteuid());
+  return user != nullptr ? user->pw_name : "";
+}
 
 void refuse(std::initializer_list<unsigned> calls, unsigned error) {
   std::vector<struct ::sock_filter> program;

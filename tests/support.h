@@ -104,6 +104,15 @@ int run_isolated(const std::string &line);
 bool can_have_view(void (*become)() = nullptr);
 /// True where strace may trace.
 bool can_trace();
+/// What a bare root directory lacks: /proc, and pseudo-terminals.
+bool has_proc();
+bool has_terminals();
+/// True where a process may have mounts of its own.
+bool can_mount();
+/// Moves into a mount name space of its own and mounts file over file there.
+bool mount_over(const std::map<std::string, std::string> &files);
+/// The name of the user; empty when there is none.
+std::string user_name();
 /// `usual`, times the environment variable INSTALLER_THOROUGH where it is a number above 1: how
 /// often a test tries what it picks at random.
 int times(int usual);
