@@ -3,14 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace installer {
@@ -88,22 +84,6 @@ TEST_F(LogTest, SixRotationsKeepFiveBackups) {
   EXPECT_EQ(read_tree(".").size(), 6U);
   for (const auto &entry : fs::directory_iterator{"."})
     EXPECT_EQ(entry.status().permissions(), fs::perms{0600}) << entry;
-}
-
-TEST_F(LogTest, LockedFileIsRotatedWhereTheSystemCannotExchange) {
-  const auto rotate = [this] {
-    refuse({SYS_renameat2}, ENOSYS);
-    ::pid_t holder = 0;
-    bool good = log_open(x, "log") == 1 && !log_lock(x, holder);
-    x->Rotate = 1;
-    write_lines(1, 2);
-    const int other = ::open("log", O_WRONLY);
-    good = good && ::flock(other, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-    ::_exit(good ? 0 : 1);
-  };
-  EXPECT_EXIT(rotate(), ::testing::ExitedWithCode(0), "");
-  EXPECT_EQ(read_log("log0") + read_log("log1"), "Info: 2\nInfo: 1\n");
-  EXPECT_EQ(read_tree(".").size(), 3U);
 }
 
 TEST_F(LogTest, FileThatCannotBeMovedKeepsItsBackups) {
