@@ -5,7 +5,6 @@
 #include "installer/quest.h"
 
 #include <cstring>
-#include <set>
 
 #include <unistd.h>
 
@@ -304,21 +303,15 @@ ActionResult ask_until_content(const Pass &pass) {
 }
 
 /// A strict run asks no question of which the text may not be whole.
-void count_cut_questions(Run &run, const char *file, Questions quest,
-                         const std::set<std::size_t> &long_lines) {
+void count_cut_questions(Run &run, const char *file, Questions quest) {
   for (const Quest &entry : quest->list)
-    if (long_lines.contains(entry.line))
-      count_fault(run, {file, entry.line}, {"The line is too long", {}, {}});
+    if (run.long_lines.contains({file, entry.line}))
+      count_long_line(run, file, entry.line, text_of(quest->section));
 }
 
 bool load_questions(Run &run, const char *file, Questions quest, const char *section) {
-  std::set<std::size_t> long_lines;
-  const Faults faults = [&, sink = telling_sink(run)](const Fault &fault) {
-    if (fault.kind == FaultKind::LongLine) long_lines.insert(fault.line);
-    sink(fault);
-  };
-  if (quest_load(quest, file, section, faults) == 0) return false;
-  count_cut_questions(run, file, quest, long_lines);
+  if (quest_load(quest, file, section, telling_sink(run)) == 0) return false;
+  count_cut_questions(run, file, quest);
   return true;
 }
 
@@ -361,14 +354,14 @@ void print_result(const Action &action, const Outcome &outcome) {
 }
 
 /// What of the script a strict run must not begin with.
-void count_cut_commands(Run &run, const char *file, pCopy copy) {
+void count_cut_commands(Run &run, const char *file, pCopy copy, const char *section) {
   for (const CCmd &command : copy->list)
-    if (command.cut) count_fault(run, {file, command.line}, {"The line is too long", {}, {}});
+    if (command.cut) count_long_line(run, file, command.line, section);
 }
 
 bool load_script(Run &run, const char *file, pCopy copy, const char *section) {
   const bool loaded = copy_load(copy, file, section, telling_sink(run)) != 0;
-  if (loaded) count_cut_commands(run, file, copy);
+  if (loaded) count_cut_commands(run, file, copy, section);
   else if (!must_end(run))
     count_fault(run, {file}, {"Section '" + std::string{section} + "' not found", {}, {}});
   return loaded && !must_end(run);

@@ -12,27 +12,30 @@ namespace {
 constexpr std::size_t LongestPiece = 8999;
 constexpr std::size_t LongestText = 9999;
 
-constexpr CopySlot source_slot(Operand operand) {
-  return {&copy_cmd::source, "source", "Missing copy source path", operand};
+constexpr CopySlot source_slot(Operand operand, const char *called) {
+  return {&copy_cmd::source, "source", "Missing copy source path", operand, called};
 }
-constexpr CopySlot dest_slot(Operand operand) {
-  return {&copy_cmd::dest, "destination", "Missing copy destination path", operand};
+constexpr CopySlot dest_slot(Operand operand, const char *called) {
+  return {&copy_cmd::dest, "destination", "Missing copy destination path", operand, called};
 }
-constexpr CopySlot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard", Operand::Exclusions};
+constexpr CopySlot not_slot = {&copy_cmd::not_, "not", "Missing not wildcard", Operand::Exclusions,
+                               "exclusion list"};
+constexpr CopySlot pattern_slot = source_slot(Operand::Pattern, "source");
+constexpr CopySlot bounded_slot = source_slot(Operand::Bounded, "source");
+constexpr CopySlot file_slot = source_slot(Operand::Path, "path");
 
-constexpr CopySlot copy_slots[] = {source_slot(Operand::Pattern), not_slot,
-                                   dest_slot(Operand::Directories)};
-constexpr CopySlot chown_slots[] = {source_slot(Operand::Bounded), not_slot,
-                                    dest_slot(Operand::Owner)};
-constexpr CopySlot chmod_slots[] = {source_slot(Operand::Bounded), not_slot,
-                                    dest_slot(Operand::Mode)};
-constexpr CopySlot removal_slots[] = {source_slot(Operand::Bounded), not_slot};
-constexpr CopySlot path_slots[] = {source_slot(Operand::Path)};
-constexpr CopySlot pair_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Path)};
-constexpr CopySlot write_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Value)};
-constexpr CopySlot result_slots[] = {source_slot(Operand::Path), dest_slot(Operand::Result)};
+constexpr CopySlot copy_slots[] = {pattern_slot, not_slot,
+                                   dest_slot(Operand::Directories, "destination")};
+constexpr CopySlot chown_slots[] = {bounded_slot, not_slot, dest_slot(Operand::Owner, "owner")};
+constexpr CopySlot chmod_slots[] = {bounded_slot, not_slot, dest_slot(Operand::Mode, "mode")};
+constexpr CopySlot removal_slots[] = {bounded_slot, not_slot};
+constexpr CopySlot path_slots[] = {file_slot};
+constexpr CopySlot pair_slots[] = {file_slot, dest_slot(Operand::Path, "second path")};
+constexpr CopySlot write_slots[] = {file_slot, dest_slot(Operand::Value, "value")};
+constexpr CopySlot result_slots[] = {file_slot, dest_slot(Operand::Result, "setting")};
 constexpr CopySlot decision_slots[] = {
-    source_slot(Operand::Decision), {&copy_cmd::dest, "error string", nullptr, Operand::Message}
+    source_slot(Operand::Decision, "setting"),
+    {&copy_cmd::dest, "error string", nullptr, Operand::Message, "message"}
 };
 
 /// A command that copies no bytes.
@@ -65,30 +68,37 @@ constexpr CopyCommand commands[] = {
 constexpr CopyCommand unknown_command = {
     nullptr, static_cast<CType>(0), Deed::Stops, Single, copy_slots, run_unknown};
 
-/// The line that is being read. `rest`: what has not been taken of it yet.
+/// The line that is being read. `word`: its keyword; `rest`: what has not been taken of it yet.
 struct CommandLine {
+  const char *word;
   char *rest;
   const Lines &lines;
   const Faults &faults;
 
-  void fault(FaultKind kind, const std::string &text, const char *word = nullptr) const {
+  void fault(FaultKind kind, const std::string &text, const char *about) const {
     const bool remark = kind == FaultKind::Surplus;
-    faults(lines.fault(remark ? Severity::Remark : Severity::Error, kind, text, word));
+    faults(lines.fault(remark ? Severity::Remark : Severity::Error, kind, text, about));
+  }
+  void lacks(const CopySlot &slot) const {
+    Fault fault = lines.fault(Severity::Error, FaultKind::MissingWord, slot.missing, word);
+    fault.lacks = slot.called;
+    faults(fault);
   }
 };
 
-const CopyCommand &read_keyword(const CommandLine &line, const char *word) {
-  const CopyCommand *command = find_word(commands, word, s_stricmp);
+const CopyCommand &read_keyword(const CommandLine &line) {
+  const CopyCommand *command = find_word(commands, line.word, s_stricmp);
   if (command != nullptr) return *command;
-  line.fault(FaultKind::UnknownKeyword, "Unknown copy type '" + std::string{word} + "'", word);
+  line.fault(FaultKind::UnknownKeyword, "Unknown copy type '" + std::string{line.word} + "'",
+             line.word);
   return unknown_command;
 }
 
-/// Takes the next word of the line as a field; with `missing`, its absence is an error.
-bool read_field(Text &field, const char *name, const char *missing, CommandLine &line) {
+/// Takes the next word of the line as a field; that of a slot must be there.
+bool read_field(Text &field, const char *name, const CopySlot *slot, CommandLine &line) {
   field = make_text(next_word(&line.rest));
-  if (!field && missing != nullptr) line.fault(FaultKind::MissingWord, missing);
-  if (field || missing != nullptr) dmsg("Copy line '%s' is [%s]", name, text_of(field));
+  if (!field && slot != nullptr) line.lacks(*slot);
+  if (field || slot != nullptr) dmsg("Copy line '%s' is [%s]", name, text_of(field));
   return field.has_value();
 }
 
@@ -97,7 +107,7 @@ bool read_slots(CCmd &command, std::span<const CopySlot> slots, CommandLine &lin
   bool complete = true;
   for (const CopySlot &slot : slots)
     if (slot.operand != Operand::Message)
-      complete = read_field(command.*slot.field, slot.name, slot.missing, line) && complete;
+      complete = read_field(command.*slot.field, slot.name, &slot, line) && complete;
   return complete;
 }
 
@@ -119,9 +129,9 @@ void add_command(pCopy x, CCmd command) {
 
 void load_command(pCopy x, CommandLine line) {
   dmsg("Process .cpy file line [%s]", line.rest);
-  const char *word = next_word(&line.rest);
-  if (word == nullptr) return;
-  const CopyCommand &keyword = read_keyword(line, word);
+  line.word = next_word(&line.rest);
+  if (line.word == nullptr) return;
+  const CopyCommand &keyword = read_keyword(line);
   CCmd command;
   command.type = keyword.type;
   command.line = line.lines.number();
@@ -190,7 +200,7 @@ int copy_load(pCopy x, const char *file, const char *section, const Faults &faul
 }
 
 void copy_read(pCopy x, Lines &lines, const Faults &faults) {
-  for (char *line : lines) load_command(x, {line, lines, faults});
+  for (char *line : lines) load_command(x, {nullptr, line, lines, faults});
 }
 
 std::uint32_t copy_count(pCopy x) { return x ? x->count : 0; }

@@ -60,12 +60,13 @@ struct copy_cmd {
 using CCmd = copy_cmd;
 
 /// A field of a command line. `name`: in the debug log; `missing`: the error when it is not there,
-/// null for one that may be missing.
+/// null for one that may be missing; `called`: what the manual calls it.
 struct CopySlot {
   Text copy_cmd::*field;
   const char *name;
   const char *missing;
   Operand operand;
+  const char *called;
 };
 
 /// Lines of the templates of `Ini` are read in pieces of this size, terminator included.

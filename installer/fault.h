@@ -22,7 +22,7 @@ enum class FaultKind {
   Binary,         // it holds a zero byte where one matters
   NoSection,      // it lacks the section
   UnknownKeyword, // `word` is the keyword
-  MissingWord,    // the line ends too early and is dropped
+  MissingWord,    // the line ends too early and is dropped; `lacks` is what is missing
   Cut,            // a word may have been lost behind the 999th character
   Repeated,       // a name was given before
   Circle,         // a setting leads back to itself; `word` is its name
@@ -43,7 +43,8 @@ struct Failure {
 
 /// `file`: as it was given to the loader. `line`: from 1, as an editor counts; 0 for the file as a
 /// whole. `text`: the whole message. `word`: the word that it is about, if any. `failure`: of a
-/// fault of the kind `Failed`, else empty.
+/// fault of the kind `Failed`, else empty. `lacks`: what a line that ends too early lacks; `word`
+/// is then its keyword. `section`: that the line stands in, as its header has it; empty for none.
 struct Fault {
   Severity severity = Severity::Error;
   FaultKind kind = FaultKind::Unreadable;
@@ -52,6 +53,8 @@ struct Fault {
   std::string text;
   std::string word;
   Failure failure = {};
+  std::string lacks = {};
+  std::string section = {};
 };
 
 /// Takes faults in the order in which they are found. An empty one is not called.

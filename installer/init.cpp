@@ -117,7 +117,7 @@ void load_item(Init x, char *line, const Lines &lines, const Faults &faults) {
     return tell(Severity::Error, FaultKind::Cut,
                 "Line too long, nothing done for '" + word + " " + or_empty(a) + "'", nullptr);
   if (compare == nullptr)
-    return tell(Severity::Remark, FaultKind::MissingWord, "Too few words", nullptr);
+    return tell(Severity::Remark, FaultKind::MissingWord, "Too few words", word.c_str());
   if (const char *surplus = next_word(&line))
     tell(Severity::Remark, FaultKind::Surplus, "Words that are never read", surplus);
   add_item(x, {a, b, word_or_none(compare), word_or_none(control), command->mode, lines.number()});

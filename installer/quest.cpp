@@ -68,24 +68,24 @@ void drop_trailing_separator(char *answer) {
 
 using enum QuestField;
 constexpr QuestSlot general_slots[] = {
-    {&quest::setting,     "Missing setting label",      Word   },
-    {&quest::control,     "Missing control",            Word   },
-    {&quest::control_cmp, "Missing control comparison", Word   },
-    {&quest::help_id,     "Missing Help ID text",       Trimmed},
-    {&quest::text,        "Missing question text",      Rest   },
+    {&quest::setting,     "Missing setting label",      Word,    "setting"   },
+    {&quest::control,     "Missing control",            Word,    "control"   },
+    {&quest::control_cmp, "Missing control comparison", Word,    "comparison"},
+    {&quest::help_id,     "Missing Help ID text",       Trimmed, "help word" },
+    {&quest::text,        "Missing question text",      Rest,    "text"      },
 };
 constexpr QuestSlot error_slots[] = {
-    {&quest::setting, "Missing setting label", Word   },
-    {&quest::help_id, "Missing Help ID text",  Trimmed},
-    {&quest::text,    "Missing question text", Rest   },
+    {&quest::setting, "Missing setting label", Word,    "setting"  },
+    {&quest::help_id, "Missing Help ID text",  Trimmed, "help word"},
+    {&quest::text,    "Missing question text", Rest,    "text"     },
 };
 constexpr QuestSlot exist_slots[] = {
-    {&quest::text,    "Missing setting label", Word},
-    {&quest::setting, "Missing Help ID text",  Word},
+    {&quest::text,    "Missing setting label", Word, "path"   },
+    {&quest::setting, "Missing Help ID text",  Word, "setting"},
 };
 constexpr QuestSlot loop_slots[] = {
-    {&quest::setting, "Missing setting label", Word   },
-    {&quest::text,    "Missing Help ID text",  Trimmed},
+    {&quest::setting, "Missing setting label", Word,    "setting"},
+    {&quest::text,    "Missing Help ID text",  Trimmed, "number" },
 };
 
 constexpr QuestKeyword keywords[] = {
@@ -151,7 +151,9 @@ void load_line(Questions x, char *line, const Lines &lines, const Faults &faults
   entry.type = keyword->type;
   entry.line = lines.number();
   if (const QuestSlot *slot = read_slots(entry, keyword->slots, &line)) {
-    faults(lines.fault(Severity::Error, FaultKind::MissingWord, slot->missing));
+    Fault fault = lines.fault(Severity::Error, FaultKind::MissingWord, slot->missing, word);
+    fault.lacks = slot->called;
+    faults(fault);
     return;
   }
   const char *surplus = keyword->slots.back().taken == Rest ? nullptr : next_word(&line);

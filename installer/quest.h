@@ -55,11 +55,13 @@ using Quest = quest;
 /// separate words; or all that is left, trimmed, with its escapes turned into characters.
 enum class QuestField { Word, Trimmed, Rest };
 
-/// A field that a question line must have. `missing`: the error when it is not there.
+/// A field that a question line must have. `missing`: the error when it is not there; `called`:
+/// what the manual calls it.
 struct QuestSlot {
   Text quest::*field;
   const char *missing;
   QuestField taken;
+  const char *called;
 };
 
 /// All about one keyword: its fields in the order of the line, and what it accepts as an answer.

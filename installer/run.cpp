@@ -63,6 +63,25 @@ void note_counts(const Run &run) {
   scpy(noted.counts, counts.c_str(), sizeof noted.counts);
 }
 
+/// Counts what is wrong with a line; what follows from it gives no reason more.
+void count_line(Run &run, const Where &where, std::string what, const std::string &section) {
+  const bool fresh = where.line == 0 || run.faulty_lines.emplace(where.file, where.line).second;
+  if (!section.empty()) what += " in [" + section + "]";
+  if (fresh) count_fault(run, where, {what, {}, {}});
+}
+
+/// Counts a fault that a loader has found.
+void count_loaded(Run &run, const Fault &fault) {
+  const bool words =
+      fault.kind == FaultKind::MissingWord || fault.kind == FaultKind::UnknownKeyword;
+  if (words && run.long_lines.contains({fault.file, fault.line}))
+    return count_long_line(run, fault.file, fault.line, fault.section.c_str());
+  Where where = {fault.file, fault.line};
+  if (fault.kind == FaultKind::MissingWord) where.keyword = fault.word;
+  const std::string lacks = "the " + fault.lacks + " is missing";
+  count_line(run, where, fault.lacks.empty() ? fault.text : lacks, words ? fault.section : "");
+}
+
 const char *status_words(Status status) {
   switch (status) {
   case Status::Complete: return "complete";
@@ -101,13 +120,18 @@ void refuse_run(Run &run, const Where &where, const Failure &failure) {
   give_reason(where, failure);
 }
 
+void count_long_line(Run &run, const std::string &file, std::size_t line, const char *section) {
+  count_line(run, {file, line}, "The line is too long", section);
+}
+
 Faults fault_sink(Run &run) {
   return [&run](const Fault &fault) {
     log_fault(fault);
+    if (fault.kind == FaultKind::LongLine) run.long_lines.emplace(fault.file, fault.line);
     if (!counts(fault)) return;
     if (fault.kind == FaultKind::Failed)
       count_fault(run, {fault.file, fault.line, fault.word}, fault.failure);
-    else count_fault(run, {fault.file, fault.line}, {fault.text, {}, {}});
+    else count_loaded(run, fault);
   };
 }
 

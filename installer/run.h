@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <ctime>
 #include <new>
+#include <set>
 #include <string>
+#include <utility>
 
 namespace installer {
 
@@ -37,9 +39,14 @@ struct Outcome {
   std::uint64_t bytes = 0;
 };
 
+/// Lines of files.
+using FileLines = std::set<std::pair<std::string, std::size_t>>;
+
 /// `log` and `ini` are lent by the caller, for the length of the run. `strict`: the run tells the
 /// truth by its status. `answers`: what takes the place of defaults; `given`: the answers of this
-/// run; `record`: the file that takes them, none for null. `started`: when the run began.
+/// run; `record`: the file that takes them, none for null. `long_lines`, `faulty_lines`: of the
+/// product's files, those that come in pieces, and those of which a fault was counted. `started`:
+/// when the run began.
 struct Run {
   Log log = nullptr;
   Ini ini = nullptr;
@@ -49,6 +56,8 @@ struct Run {
   Text answers_file;
   Answers given = {};
   Text record;
+  FileLines long_lines = {};
+  FileLines faulty_lines = {};
   std::time_t started = std::time(nullptr);
 };
 
@@ -71,7 +80,10 @@ void count_failure(Run &run, const Where &where, const Failure &failure);
 /// Ends a run that cannot begin, strict or not, with its reason.
 void refuse_run(Run &run, const Where &where, const Failure &failure);
 
-/// The sink for the faults of a product's files: the log, and what counts in a strict run.
+/// Counts the fault of a line that is too long to be read whole.
+void count_long_line(Run &run, const std::string &file, std::size_t line, const char *section);
+/// The sink for the faults of a product's files: the log, and what counts in a strict run, once for
+/// each line.
 [[nodiscard]] Faults fault_sink(Run &run);
 /// The same for a file of which nobody else tells the console that it cannot be read: a zero byte,
 /// which no look at the file shows, is told there.

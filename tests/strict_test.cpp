@@ -172,18 +172,28 @@ TEST(Strict, DoesNotBegin) {
   expect({Go + " -special x", {}, {}, 2, "pkg: pkg.q: Section 'x' not found\n"});
   expect({Go + " -special none", {}, {}, 2, "pkg: pkg.cpy: Section 'none' not found\n"});
   expect({Go, "pkg.int", "#\nExist a\nexist a b - -\n", 2,
-          "pkg: pkg.int:2: Too few words\npkg: pkg.int:3: Unknown init command 'exist'\n"});
+          "pkg: pkg.int:2: Exist: Too few words\npkg: pkg.int:3: Unknown init command 'exist'\n"});
   expect({Go, "pkg.int", "WFile $(missing) a - -\n", 2,
           "pkg: pkg.int:1: WFile: cannot write: /none/x: No such file or directory\n"});
   expect({Go, "pkg.int", "RFile src a - -\n", 2,
           "pkg: pkg.int:1: RFile: cannot read: src: Is a directory\n"});
-  expect({Go, "pkg.q", "[install]\nText a\n", 2, q + "Missing control\n"});
+  expect({Go, "pkg.q", "[Install]\nText a\nText a b\nText a b c d\nError e\nexist a\nLoop l\n", 2,
+          q + "Text: the control is missing in [Install]\n" +
+              "pkg: pkg.q:3: Text: the comparison is missing in [Install]\n" +
+              "pkg: pkg.q:4: Text: the text is missing in [Install]\npkg: pkg.q:5: Error: the help "
+              "word is missing in [Install]\n"
+              "pkg: pkg.q:6: exist: the setting is missing in [Install]\npkg: pkg.q:7: Loop: the "
+              "number is missing in [Install]\n"});
   expect({Go, "pkg.q", "[install]\nText port - - h " + std::string(999, 'x') + " x\n", 2,
-          q + "Unknown question type '" + std::string(16, 'x') + "'\n" + q + "Missing control\n" +
-              q + "The line is too long\n"});
-  expect({Go, "pkg.cpy", "[install]\nMkDr out\nMkDir\n", 2,
-          "pkg: pkg.cpy:2: Unknown copy type 'MkDr'\npkg: pkg.cpy:2: Missing not wildcard\npkg: "
-          "pkg.cpy:2: Missing copy destination path\npkg: pkg.cpy:3: Missing copy source path\n"});
+          q + "The line is too long in [install]\n"});
+  expect({Go, "pkg.cpy", "[install]\nMkDir a\nCopyFile a - " + std::string(999, 'x') + " y\n", 2,
+          "pkg: pkg.cpy:3: The line is too long in [install]\n"});
+  expect({Go, "pkg.cpy", "[install]\nMkDr out\nMkDir\nCopyFile a -\nChmod a\nWFile x\n", 2,
+          "pkg: pkg.cpy:2: Unknown copy type 'MkDr' in [install]\npkg: pkg.cpy:3: MkDir: the path "
+          "is missing in [install]\n"
+          "pkg: pkg.cpy:4: CopyFile: the destination is missing in [install]\npkg: pkg.cpy:5: "
+          "Chmod: the exclusion list is missing in [install]\n"
+          "pkg: pkg.cpy:6: WFile: the value is missing in [install]\n"});
   expect({Go, "pkg.q", "[install]\nDirExist missing - - h x\n", 2,
           q + "missing: Directory '/none/x' must exist\n"});
   expect({Go, "pkg.q", "[install]\nText a - - h x\n", 2,
