@@ -14,7 +14,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -53,7 +53,7 @@ struct Opened {
   Descriptor changed{}, machine{};
 };
 
-Status status_of(const struct ::stat &info) {
+FileStatus status_of(const struct ::stat &info) {
   return {info.st_mode, info.st_uid, info.st_gid, info.st_size, info.st_rdev};
 }
 
@@ -365,4 +365,4 @@ Comparison compare_view(const View &view,
   return result;
 }
 
-} // namespace installer
+} // namespace installer::preview

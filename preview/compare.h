@@ -13,10 +13,10 @@
 
 #include <sys/types.h>
 
-namespace installer {
+namespace installer::preview {
 
 /// What of an entry's status is shown. `device`: the number of a device file.
-struct Status {
+struct FileStatus {
   ::mode_t mode = 0;
   ::uid_t user = 0;
   ::gid_t group = 0;
@@ -34,7 +34,7 @@ enum class Verdict : char { Added = 'A', Modified = 'M', Permissions = 'P', Dele
 struct Change {
   Verdict verdict{};
   std::string path;
-  Status before, after;
+  FileStatus before, after;
   std::string target;
   std::size_t below = 0;
   std::string rights{};
@@ -74,4 +74,4 @@ struct Comparison {
 /// The absolute path of an entry of a layer.
 [[nodiscard]] std::string layer_path(const Layer &layer, const std::string &path);
 
-} // namespace installer
+} // namespace installer::preview

@@ -8,7 +8,7 @@
 #include <seccomp.h>
 #include <sys/ioctl.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -105,4 +105,4 @@ bool filter_calls() {
   return set_errno(::seccomp_load(filter.get()));
 }
 
-} // namespace installer
+} // namespace installer::preview

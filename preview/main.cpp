@@ -1,3 +1,3 @@
 #include "preview/preview.h"
 
-int main(int argc, char **argv) { return installer::preview_main(argc, argv); }
+int main(int argc, char **argv) { return installer::preview::main(argc, argv); }

@@ -11,7 +11,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -107,4 +107,4 @@ bool mounts_are_kernel_made(const std::string &type) {
   return std::ranges::find(KernelMade, type) != std::end(KernelMade);
 }
 
-} // namespace installer
+} // namespace installer::preview

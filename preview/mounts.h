@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::preview {
 
 /// One mount. `id`: the kernel's number; 0 for a directory that is treated like a mount of its own.
 /// `device`: "major:minor" of the file system; `root`: the directory of it that is mounted;
@@ -33,4 +33,4 @@ struct Mount {
 /// what is written there goes to the kernel.
 [[nodiscard]] bool mounts_are_kernel_made(const std::string &type);
 
-} // namespace installer
+} // namespace installer::preview

@@ -13,7 +13,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -239,7 +239,7 @@ Refused find_folder(std::string &folder) {
 
 } // namespace
 
-int preview_main(int argc, char **argv) {
+int main(int argc, char **argv) {
   Preview x;
   if (!read_arguments(x, argc, argv)) {
     std::fputs(Usage, stderr);
@@ -261,4 +261,4 @@ int preview_main(int argc, char **argv) {
   return preview(session, manifest_folder, manifest.filename().string());
 }
 
-} // namespace installer
+} // namespace installer::preview

@@ -14,7 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -42,7 +42,7 @@ constexpr char Started = 's', Stopped = 'z';
 
 /// Everything that a run consists of. `go`: ends with the preview, until it has let the first
 /// process begin; `events`: tells it that the command is in the view, and that it was stopped.
-struct Run {
+struct Command {
   const View &view;
   const std::vector<std::string> &arguments;
   const std::string &folder;
@@ -144,7 +144,7 @@ bool enter_folder(const std::string &folder) {
 
 /// The working directory is the root of the view. The old root directory is then mounted on it, and
 /// the view's private place on that: both go, with all that hangs on them.
-int enter_view(const Run &run) {
+int enter_view(const Command &run) {
   for (const Fresh &fresh : run.view.fresh)
     if (!mount_fresh(run.view, fresh))
       return complain(fresh.point + " cannot be mounted in the view");
@@ -178,7 +178,7 @@ void become_group(const Streams &streams) {
     if (streams.command[i] == TerminalStream) ::tcsetpgrp(static_cast<int>(i), ::getpid());
 }
 
-[[noreturn]] void become_command(const Run &run) {
+[[noreturn]] void become_command(const Command &run) {
   become_group(run.streams);
   ::close(Events);
   if (!filter_calls()) ::_exit(complain("the command's system calls cannot be restricted"));
@@ -211,7 +211,7 @@ int watch(::pid_t command) {
 
 /// The first process of the name space: enters the view, starts the command, and ends with it,
 /// which ends all others. Nobody may look into it, for it has what the command must not have.
-[[noreturn]] void be_first(const Run &run) {
+[[noreturn]] void be_first(const Command &run) {
   char byte = 0;
   ::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
   ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
@@ -274,7 +274,7 @@ bool accompany(Streams &streams, ::pid_t first, int events) {
 
 RunResult process_run(const View &view, const std::vector<std::string> &arguments,
                       const std::string &folder, Streams &streams) {
-  Run run{view, arguments, folder, streams};
+  Command run{view, arguments, folder, streams};
   if (::pipe2(run.go.data(), O_CLOEXEC) != 0 || ::pipe2(run.events.data(), O_CLOEXEC) != 0)
     return {false, complain("pipe")};
   const ::sigset_t blocked = blocked_set();
@@ -301,4 +301,4 @@ RunResult process_run(const View &view, const std::vector<std::string> &argument
   return result;
 }
 
-} // namespace installer
+} // namespace installer::preview

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::preview {
 
 /// `started`: the command was in the view; else a message has been printed. `status`: its exit
 /// status, 128 + n when a signal ended it, 126 or 127 when it cannot be run (as env(1)).
@@ -32,4 +32,4 @@ struct RunResult {
 [[nodiscard]] RunResult process_run(const View &view, const std::vector<std::string> &arguments,
                                     const std::string &folder, Streams &streams);
 
-} // namespace installer
+} // namespace installer::preview

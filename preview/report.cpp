@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -35,7 +35,7 @@ std::string group_name(::gid_t id) {
 }
 
 /// Looked up once each: a directory service may be far away.
-std::string owner(const Status &status) {
+std::string owner(const FileStatus &status) {
   static std::map<std::pair<::uid_t, ::gid_t>, std::string> known;
   const auto [at, fresh] = known.try_emplace({status.user, status.group});
   if (fresh) at->second = user_name(status.user) + ":" + group_name(status.group);
@@ -44,14 +44,14 @@ std::string owner(const Status &status) {
 
 // ---- Fields ----
 
-std::string mode(const Status &status) { return octal(status.mode & 07777U, 4); }
+std::string mode(const FileStatus &status) { return octal(status.mode & 07777U, 4); }
 
-std::string size(const Status &status) {
+std::string size(const FileStatus &status) {
   return S_ISDIR(status.mode) ? "-" : std::to_string(status.size);
 }
 
 /// A field of what is there, or "old->new" where it changes.
-std::string field(const Change &change, std::string (*text)(const Status &)) {
+std::string field(const Change &change, std::string (*text)(const FileStatus &)) {
   if (change.verdict == Verdict::Added) return text(change.after);
   std::string before = text(change.before);
   if (change.verdict == Verdict::Deleted) return before;
@@ -61,7 +61,7 @@ std::string field(const Change &change, std::string (*text)(const Status &)) {
 
 /// What is no regular file says so behind its path.
 std::string remark(const Change &change) {
-  const Status &status = change.verdict == Verdict::Deleted ? change.before : change.after;
+  const FileStatus &status = change.verdict == Verdict::Deleted ? change.before : change.after;
   const std::string number =
       std::to_string(major(status.device)) + ":" + std::to_string(minor(status.device));
   switch (status.mode & S_IFMT) {
@@ -212,4 +212,4 @@ Refused report_manifest(const View &view, const Comparison &comparison, std::str
   return add_sums(files, paths, text);
 }
 
-} // namespace installer
+} // namespace installer::preview

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace installer {
+namespace installer::preview {
 
 /// `name` as it is printed: "\\", "\n" and "\t" for a backslash, line end and tab, "\ooo" (octal)
 /// for other control characters and for bytes that are not UTF-8.
@@ -26,4 +26,4 @@ namespace installer {
 [[nodiscard]] Refused report_manifest(const View &view, const Comparison &comparison,
                                       std::string &text);
 
-} // namespace installer
+} // namespace installer::preview

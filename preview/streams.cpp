@@ -11,7 +11,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -267,4 +267,4 @@ void streams_close(Streams &streams) {
   static_cast<void>(::lseek(STDIN_FILENO, position, SEEK_SET));
 }
 
-} // namespace installer
+} // namespace installer::preview

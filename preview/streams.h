@@ -21,7 +21,7 @@
 #include <array>
 #include <vector>
 
-namespace installer {
+namespace installer::preview {
 
 /// What stands for a descriptor that the command gets from elsewhere.
 constexpr int ClosedStream = -1, NullStream = -2, TerminalStream = -3;
@@ -62,4 +62,4 @@ void streams_drain(Streams &streams);
 /// Moves the position in a file that was standard input to where the command left it.
 void streams_close(Streams &streams);
 
-} // namespace installer
+} // namespace installer::preview

@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -99,4 +99,4 @@ void terminal_release(Terminal &x) {
 
 void terminal_hang_up(Terminal &x) { static_cast<void>(x.master.close()); }
 
-} // namespace installer
+} // namespace installer::preview

@@ -16,7 +16,7 @@
 #include <sys/types.h>
 #include <termios.h>
 
-namespace installer {
+namespace installer::preview {
 
 /// `caller`: a descriptor of the caller's terminal, -1 for none. `shared`: others of a pipeline may
 /// write to it, so it goes on to begin their lines at the left. `master`: our end of the view's;
@@ -45,4 +45,4 @@ void terminal_release(Terminal &x);
 /// The caller's terminal is gone: the command's hangs up.
 void terminal_hang_up(Terminal &x);
 
-} // namespace installer
+} // namespace installer::preview

@@ -8,7 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -110,4 +110,4 @@ bool tree_within(const std::string &path, const std::string &directory) {
          path.starts_with(directory);
 }
 
-} // namespace installer
+} // namespace installer::preview

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::preview {
 
 /// Why something could not be had: a text for the console, and the errno it comes from (0: none).
 struct Refusal {
@@ -48,4 +48,4 @@ void tree_remove(int root, const std::string &path);
 /// True when `path` is `directory` ("/" or without a final "/") or lies below it.
 [[nodiscard]] bool tree_within(const std::string &path, const std::string &directory);
 
-} // namespace installer
+} // namespace installer::preview

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::preview {
 
 namespace {
 
@@ -588,4 +588,4 @@ void view_close(const View &view) {
                                    ("changed/" + std::to_string(layer.number) + "/mount").c_str()));
 }
 
-} // namespace installer
+} // namespace installer::preview

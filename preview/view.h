@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::preview {
 
 /// An overlay in the view. `number` names its directories; `mount` is what it stands for; `start`
 /// is the status that its root directory began with.
@@ -60,4 +60,4 @@ enum class Side { Machine, Changed, Both };
 /// Puts a link `mount` to the mount point beside each kept layer, and removes those that are empty.
 void view_close(const View &view);
 
-} // namespace installer
+} // namespace installer::preview

@@ -16,7 +16,7 @@
 
 #include <sys/stat.h>
 
-namespace installer {
+namespace installer::test {
 
 namespace {
 
@@ -355,4 +355,4 @@ TEST(Check, SurvivesFilesOfAnyKindAndSize) {
   }
 }
 
-} // namespace installer
+} // namespace installer::test

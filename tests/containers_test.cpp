@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace installer {
+namespace installer::test {
 
 TEST(Array, InsertsGrowsAndReleases) {
   auto *a = array_init<std::string>();
@@ -59,4 +59,4 @@ TEST(List, CursorKeepsItsElement) {
   EXPECT_EQ(list_del(l), nullptr);
 }
 
-} // namespace installer
+} // namespace installer::test

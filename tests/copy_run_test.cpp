@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 struct CopyRunTest : ::testing::Test {
   CopyRunTest() {
@@ -267,4 +267,4 @@ TEST_F(CopyRunTest, ReachesNotTooFar) {
   EXPECT_EXIT(run_in_root(), ::testing::ExitedWithCode(0), "");
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-namespace installer {
+namespace installer::test {
 
 struct CopyTest : ::testing::Test {
   CopyTest() { take_errors(); }
@@ -50,4 +50,4 @@ TEST_F(CopyTest, CutsExpansions) {
   EXPECT_EQ(replace_vars(x.get(), ("$(a)" + cut + "x").c_str()), "/usr" + cut);
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 using Arguments = std::vector<std::string>;
 
@@ -415,4 +415,4 @@ TEST(Start, OddSurroundings) {
   for (const auto prepare : {close_all, lose_console}) expect({.prepare = prepare}, "", "a");
 }
 
-} // namespace installer
+} // namespace installer::test

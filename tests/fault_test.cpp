@@ -30,7 +30,7 @@ extern "C" int fchmodat(int dir, const char *name, ::mode_t mode, int flags) noe
 #define __has_feature(feature) 0
 #endif
 
-namespace installer {
+namespace installer::test {
 
 /// A line of the script; none for a user without a name.
 static std::string change_owner() {
@@ -446,4 +446,4 @@ TEST(Fault, FilesThatMemoryCannotHold) {
   EXPECT_TRUE(fs::exists("made") && !fs::exists("never"));
 }
 
-} // namespace installer
+} // namespace installer::test

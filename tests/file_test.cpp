@@ -15,7 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 static std::multiset<std::string> calls; // sorted: a listing has no order
 
@@ -246,4 +246,4 @@ TEST_F(FileTest, MakesAndRemovesDirectories) {
   EXPECT_EQ(file_exist("far/file") + file_exist("far") + file_exist("m/n"), 3);
 }
 
-} // namespace installer
+} // namespace installer::test

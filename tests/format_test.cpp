@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace installer {
+namespace installer::test {
 
 static constexpr const char *None = nullptr;
 
@@ -65,4 +65,4 @@ TEST(Wild, OddTexts) {
   EXPECT_EQ(wild_list(nullptr, "*"), 0);
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -5,7 +5,7 @@
 
 #include <sys/stat.h>
 
-namespace installer {
+namespace installer::test {
 
 /// Asks for one value after the other: (U)ser, (G)roup, (R)oot, (S)cripts.
 static std::string ask(const std::string &wanted) {
@@ -39,4 +39,4 @@ TEST(Http, KeepsWhatItFinds) {
   EXPECT_EQ(ask("GR"), "root;/late;"); // nothing is read behind the last missing value
 }
 
-} // namespace installer
+} // namespace installer::test

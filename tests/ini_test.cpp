@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace installer {
+namespace installer::test {
 
 using Texts = std::vector<std::string>;
 
@@ -85,4 +85,4 @@ TEST(Substitution, EndsInLongRowsAndCircles) {
   EXPECT_STREQ(ini_value_name(x.get(), "0"), "$(1)");
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-namespace installer {
+namespace installer::test {
 
 TEST(Init, LoadsAndEvaluates) {
   const TempDir folder;
@@ -52,4 +52,4 @@ TEST(Init, LoadsAndEvaluates) {
   EXPECT_GE(s_atoi(ini_value_name(store.get(), "day2")), 2024);
 }
 
-} // namespace installer
+} // namespace installer::test

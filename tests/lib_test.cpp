@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace installer {
+namespace installer::test {
 
 static constexpr const char *None = nullptr;
 
@@ -129,4 +129,4 @@ TEST(Paths, Attach) {
   EXPECT_EQ(in_block(3, "d", [](char *b) { return join_path(b, 3, b, "x"); }), "d 0");
 }
 
-} // namespace installer
+} // namespace installer::test

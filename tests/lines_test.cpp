@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-namespace installer {
+namespace installer::test {
 
 using std::literals::operator""s;
 
@@ -70,4 +70,4 @@ TEST(Lines, EntersEachSection) {
   EXPECT_EQ(got, "2[One] x b4[two5[three c d");
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 constexpr ::uid_t Other = 65533;
 constexpr ::uid_t User = 65534;
@@ -333,4 +333,4 @@ TEST_F(LinksTest, NoSwapWins) {
   EXPECT_EQ(all(), before);
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 struct LogTest : testing::Test {
   const TempDir dir;
@@ -158,4 +158,4 @@ TEST_F(LogTest, OnlyWrittenCharactersCount) {
   EXPECT_LE(x->Size, 200U);
 }
 
-} // namespace installer
+} // namespace installer::test

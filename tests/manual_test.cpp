@@ -9,7 +9,7 @@
 
 #include <sys/wait.h>
 
-namespace installer {
+namespace installer::test {
 
 /// Installs, upgrades and removes the product in the working directory on a view of the machine,
 /// where one can be had: nothing may be left.
@@ -149,4 +149,4 @@ TEST(Manual, GuideOfReadmeWorks) {
   expect_round_trip("./hello");
 }
 
-} // namespace installer
+} // namespace installer::test

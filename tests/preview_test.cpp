@@ -23,7 +23,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 using Arguments = std::vector<std::string>;
 
@@ -620,7 +620,7 @@ TEST(PreviewForms, MountListsAreRead) {
   };
   for (const auto &r : rows) {
     std::istringstream list{r.line};
-    const std::vector<Mount> mounts = mounts_parse(list);
+    const std::vector<preview::Mount> mounts = preview::mounts_parse(list);
     ASSERT_EQ(mounts.size(), 1U) << r.line;
     EXPECT_EQ(mounts[0].point + "|" + mounts[0].root + "|" + mounts[0].type,
               std::string{r.point} + "|" + r.root + "|" + r.type);
@@ -639,7 +639,7 @@ TEST(PreviewForms, NamesAreEscaped) {
       {"\xed\xa0\x80\xff",                     "\\355\\240\\200\\377"          },
       {"\xe2\x80\xae",                         "\\342\\200\\256"               },
   };
-  for (const auto &r : rows) EXPECT_EQ(report_name(r.name), r.want);
+  for (const auto &r : rows) EXPECT_EQ(preview::report_name(r.name), r.want);
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -5,7 +5,7 @@
 
 #include <array>
 
-namespace installer {
+namespace installer::test {
 
 struct QuestTest : ::testing::Test {
   QuestTest() { take_errors(); }
@@ -101,4 +101,4 @@ TEST_F(QuestTest, ChecksAnswers) {
   }
 }
 
-} // namespace installer
+} // namespace installer::test

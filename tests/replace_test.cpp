@@ -21,7 +21,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 /// Contents that a failure can show.
 static std::string shortened(const std::string &text) {
@@ -531,4 +531,4 @@ TEST_F(FirstInstall, FullDisk) {
   }
 }
 
-} // namespace installer
+} // namespace installer::test

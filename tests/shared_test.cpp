@@ -6,7 +6,7 @@
 
 #include <sys/stat.h>
 
-namespace installer {
+namespace installer::test {
 
 TEST(DataFile, BecomesSettings) {
   const TempDir dir;
@@ -37,4 +37,4 @@ TEST(DataFile, BecomesSettings) {
   EXPECT_EQ(name, std::string{"127.0.0.1"}.substr(0, host.size() - 1));
 }
 
-} // namespace installer
+} // namespace installer::test

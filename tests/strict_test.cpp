@@ -18,7 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 /// The product "pkg": its install makes `out`. Root has no file that it cannot read, so a pipe lies
 /// where that is wanted.
@@ -483,4 +483,4 @@ TEST(Answers, HelpOpensNothing) {
   EXPECT_EQ(run_with("--version -strict -x").console, "Installer version 1.0d\n");
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -26,7 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace installer {
+namespace installer::test {
 
 namespace {
 
@@ -368,4 +368,4 @@ int times(int usual) {
   return usual * std::max(1, factor != nullptr ? std::atoi(factor) : 1); // NOLINT(cert-err34-c)
 }
 
-} // namespace installer
+} // namespace installer::test

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace installer {
+namespace installer::test {
 
 namespace fs = std::filesystem;
 
@@ -130,4 +130,4 @@ bool run_and_stop(int call, const std::function<void(int)> &act,
 bool run_and_kill(int last, const std::vector<std::string> &arguments = {"-automate"},
                   const Start &start = {.name = "./installer"});
 
-} // namespace installer
+} // namespace installer::test
