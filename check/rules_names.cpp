@@ -90,14 +90,13 @@ std::vector<std::string> compared_values(const Use &compare) {
   return values;
 }
 
-bool can_hold(const Use &control, const Use *compare, bool with_case) {
-  const auto same = with_case ? s_strcmp : s_stricmp;
+bool can_hold(const Use &control, const Use *compare, Case letters) {
   const std::vector<std::string> wanted =
       compare != nullptr ? compared_values(*compare) : std::vector<std::string>{};
   for (const std::string &value : control.known->values) {
-    if (compare == nullptr && istrue(value.c_str()) != 0) return true;
+    if (compare == nullptr && gate_allows(value.c_str(), nullptr, letters)) return true;
     for (const std::string &want : wanted)
-      if (same(want.c_str(), value.c_str()) == 0) return true;
+      if (gate_allows(value.c_str(), want.c_str(), letters)) return true;
   }
   return compare != nullptr && wanted.empty();
 }
@@ -117,14 +116,14 @@ std::string shown(const std::vector<std::string> &values) {
   return text;
 }
 
-void never_true_in(const Product &product, const Find &find, const Step &step, bool with_case) {
+void never_true_in(const Product &product, const Find &find, const Step &step, Case letters) {
   const Use *control = use_of(step, Role::Control);
   const Use *compare = use_of(step, Role::Compare);
   if (control == nullptr || control->known == nullptr || is_ungated(product, step)) return;
   const Known &known = *control->known;
   if (known.open || known.absent) return;
   if (known.values.size() < 2 && !is_other_spelling(known, compare)) return; // a switch
-  if (can_hold(*control, compare, with_case)) return;
+  if (can_hold(*control, compare, letters)) return;
   find(step, quoted(control->text) + " is " + shown(known.values) + ", never " +
                  (compare != nullptr ? quoted(compare->text) : "a yes"));
 }
@@ -269,7 +268,8 @@ void never_true(const Product &product, const Find &find) {
   each_step(product, [&](const Step &step) {
     const bool of_init = step.file == &product.init_file;
     if (of_init && use_of(step, Role::Compare) == nullptr) return;
-    never_true_in(product, find, step, step.file != &product.copy_file);
+    const bool copies = step.file == &product.copy_file;
+    never_true_in(product, find, step, copies ? Case::Ignored : Case::Counts);
   });
 }
 

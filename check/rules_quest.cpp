@@ -73,9 +73,10 @@ bool may_be_asked(const Step &step) {
   const Use *compare = use_of(step, Role::Compare);
   if (control == nullptr || control->known == nullptr || !control->known->value) return true;
   const char *value = text_of(control->known->value);
-  if (compare == nullptr) return istrue(value) != 0;
+  if (compare == nullptr) return gate_allows(value, nullptr, Case::Counts);
   const bool other = compare->known != nullptr && compare->known->value;
-  return std::string{value} == (other ? *compare->known->value : std::string{compare->text});
+  const std::string wanted = other ? *compare->known->value : std::string{compare->text};
+  return gate_allows(value, wanted.c_str(), Case::Counts);
 }
 
 void loop_target(const Product &product, const Find &find) {

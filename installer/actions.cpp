@@ -192,12 +192,9 @@ constexpr Special specials[] = {
     {QLoop,   handle_loop },
 };
 
-bool gate_open(const Pass &pass) {
-  // Both are looked up before either is judged: a look-up decides where the next value goes.
-  const char *control = ini_value_name(pass.run.ini, quest_control(pass.quest, pass.index));
-  const char *compare = ini_value_or_text(pass.run.ini, quest_control_cmp(pass.quest, pass.index));
-  if (control == nullptr) return true;
-  return compare != nullptr ? std::strcmp(control, compare) == 0 : istrue(control) != 0;
+bool is_asked(const Pass &pass) {
+  return gate_open(pass.run.ini, quest_control(pass.quest, pass.index),
+                   quest_control_cmp(pass.quest, pass.index), Case::Counts);
 }
 
 /// Says what is wrong with the answer; unattended there is no other.
@@ -254,7 +251,7 @@ Step take_answer(Pass &pass, char (&reply)[LineSize]) {
 }
 
 Step ask_question(Pass &pass) {
-  if (!gate_open(pass)) return Step::Next;
+  if (!is_asked(pass)) return Step::Next;
   char reply[LineSize];
   const Step got = get_reply(pass, reply);
   if (got != Step::Next) return got;

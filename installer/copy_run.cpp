@@ -249,14 +249,6 @@ int fill_template(pCopy x, std::uint32_t index, std::FILE *in, Replacement &targ
 
 // ---- Running ----
 
-bool gate_open(pCopy x, std::uint32_t index) {
-  // Both are looked up, whatever the first gives: a look-up decides where the next value goes.
-  const char *control = ini_value_name(x->ini, copy_control(x, index));
-  const char *compare = ini_value_or_text(x->ini, copy_control_cmp(x, index));
-  if (control == nullptr) return true;
-  return compare != nullptr ? s_stricmp(compare, control) == 0 : istrue(control) != 0;
-}
-
 /// False, told, when an operand of a `Rename` reaches further than the packager can have meant.
 bool may_rename(pCopy x, const Text &emptied, const char *operand) {
   if (!not_emptied(x, emptied, operand)) return false;
@@ -310,7 +302,7 @@ int copy_do(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
     return file_failure(sink_of(x), "line too long, nothing done", source, {},
                         "Line too long, nothing done for '%s'", source);
   }
-  if (!gate_open(x, index)) {
+  if (!gate_open(x->ini, copy_control(x, index), copy_control_cmp(x, index), Case::Ignored)) {
     dmsg("Doing nothing due to controlling setting");
     return -1;
   }

@@ -332,6 +332,18 @@ const char *ini_value_or_text(Ini x, const char *text) {
   return value != nullptr ? value : text;
 }
 
+bool gate_allows(const char *value, const char *compare, Case letters) {
+  if (value == nullptr) return true;
+  if (compare == nullptr) return istrue(value) != 0;
+  return (letters == Case::Counts ? s_strcmp(value, compare) : s_stricmp(value, compare)) == 0;
+}
+
+bool gate_open(Ini x, const char *control, const char *compare, Case letters) {
+  const char *value = ini_value_name(x, control);
+  const char *wanted = ini_value_or_text(x, compare);
+  return gate_allows(value, wanted, letters);
+}
+
 int ini_add_name(Ini x, const char *name, const char *value) {
   if (x == nullptr || x->list.empty() || name == nullptr || value == nullptr) return 0;
   const std::int32_t index = find_setting(x, name);

@@ -133,6 +133,16 @@ void ini_setup(Ini x, const SettingList *list, const void *assoc, int use_dflts)
 /// null.
 [[nodiscard]] const char *ini_value_or_text(Ini x, const char *text);
 
+/// Whether letter case counts when a control is compared.
+enum class Case { Counts, Ignored };
+/// The one rule for what runs: a control without a value (null) decides nothing; without a
+/// comparison (null) it must be a true word; else it must be equal to that.
+[[nodiscard]] bool gate_allows(const char *value, const char *compare, Case letters);
+/// The same for the setting `control` and the value of `compare`, or `compare` itself; either may
+/// be null. Both are looked up, whatever the first gives: a look-up decides where the next value
+/// goes.
+[[nodiscard]] bool gate_open(Ini x, const char *control, const char *compare, Case letters);
+
 /// Adds `value` to the setting `name`, which is created when there is none. A setting without
 /// `Ini_Multi` is left with this value alone; one with it keeps all, and the new value is *the*
 /// value only when the setting was looked up since the last addition. 1 stored; -1 refused (fixed,

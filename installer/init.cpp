@@ -123,9 +123,11 @@ void load_item(Init x, char *line, const Lines &lines, const Faults &faults) {
   add_item(x, {a, b, word_or_none(compare), word_or_none(control), command->mode, lines.number()});
 }
 
-bool gate_open(Ini ini, const init_item &item) {
+/// The control may be the word itself here, and decides nothing without a comparison.
+bool runs(Ini ini, const init_item &item) {
   if (!item.compare) return true;
-  return s_strcmp(text_of(item.compare), ini_value_or_text(ini, text_of(item.control))) == 0;
+  const char *value = ini_value_or_text(ini, text_of(item.control));
+  return value != nullptr && gate_allows(value, text_of(item.compare), Case::Counts);
 }
 
 /// The fault of an item that could not do what it does with a path.
@@ -146,7 +148,7 @@ Fault failed(const init_s &script, const init_item &item, const InitCommand &com
 
 void run_item(const init_s &script, const init_item &item, Ini ini, const Faults &faults) {
   const InitCommand *command = init_command(item.mode);
-  if (command == nullptr || !gate_open(ini, item)) return;
+  if (command == nullptr || !runs(ini, item)) return;
   char path[PathSize] = "";
   if (command->doing != nullptr && ini_replace_path(ini, item.a.c_str(), path, sizeof path) == 0) {
     faults(failed(script, item, *command, item.a.c_str(), last_cause()));
