@@ -80,6 +80,11 @@ TEST(Replace, WholeOrInPlace) {
       {"attributes",       [&] { set("attributes", "user.a", "value", 5); },                           0604,  true                                                               },
       {"listed",           [&] { set("listed", "system.posix_acl_access", list, sizeof list); },       0640,  true                                                               },
       {"handed down",      [&] { set(".", "system.posix_acl_default", list, sizeof list); },           0664,  true                                                               },
+      {"both",
+       [&] {
+         set("both", "system.posix_acl_access", list, sizeof list),
+             set(".", "system.posix_acl_default", list, sizeof list);
+       },                                                                                              0604,  true                                                               },
       {"of another",       [&] { EXPECT_EQ(root ? ::chown("of another", 7, 8) : 0, 0); },              04755, true                                                               },
       {"of my group",      [&] { EXPECT_EQ(root ? ::chown(".", 0, 9) : 0, 0); },                       0640,  true                                                               },
       {"hard",             [] { fs::create_hard_link("hard", "second"); },                             0644,  false                                                              },
