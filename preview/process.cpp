@@ -38,10 +38,11 @@ constexpr int KeptRights[] = {
     CAP_LINUX_IMMUTABLE, CAP_IPC_OWNER,    CAP_AUDIT_WRITE};
 
 /// What the first process tells.
-constexpr char Started = 's', Stopped = 'z';
+constexpr char Started = 's', Stopped = 'z', Wanting = 't';
 
 /// Everything that a run consists of. `go`: ends with the preview, until it has let the first
-/// process begin; `events`: tells it that the command is in the view, and that it was stopped.
+/// process begin; `events`: tells it that the command is in the view, that it was stopped, and that
+/// it was because it wants the terminal.
 struct Command {
   const View &view;
   const std::vector<std::string> &arguments;
@@ -171,11 +172,17 @@ bool drop_rights() {
   return ::syscall(SYS_capset, &header, sets.data()) == 0;
 }
 
-/// A group of its own, which has the terminal, so that the terminal can stop it.
+/// Gives the view's terminal to the command's group.
+void give_terminal(const Streams &streams, ::pid_t command) {
+  for (std::size_t i = 0; i < streams.command.size(); ++i)
+    if (streams.command[i] == TerminalStream) ::tcsetpgrp(static_cast<int>(i), command);
+}
+
+/// A group of its own, so that the terminal can stop it. Where others use the caller's terminal,
+/// the command begins in the background, and is stopped when it wants its own.
 void become_group(const Streams &streams) {
   ::setpgid(0, 0);
-  for (std::size_t i = 0; i < streams.command.size(); ++i)
-    if (streams.command[i] == TerminalStream) ::tcsetpgrp(static_cast<int>(i), ::getpid());
+  if (streams.terminal.wanted) give_terminal(streams, ::getpid());
 }
 
 [[noreturn]] void become_command(const Command &run) {
@@ -198,14 +205,16 @@ void become_group(const Streams &streams) {
 void tell(char event) { static_cast<void>(!::write(Events, &event, 1)); }
 
 /// Waits for the command, and reaps whatever else ends meanwhile.
-int watch(::pid_t command) {
+int watch(const Streams &streams, ::pid_t command) {
   int status = 0;
   while (true) {
     const ::pid_t changed = ::waitpid(-1, &status, WUNTRACED);
     if (changed < 0 && errno != EINTR) return Refused125;
     if (changed != command) continue;
     if (!WIFSTOPPED(status)) return exit_status(status);
-    tell(Stopped);
+    const bool wants = WSTOPSIG(status) == SIGTTIN || WSTOPSIG(status) == SIGTTOU;
+    if (wants) give_terminal(streams, command);
+    tell(wants ? Wanting : Stopped);
   }
 }
 
@@ -227,8 +236,9 @@ int watch(::pid_t command) {
   ::setpgid(command, command);
   forward_signals(-command);
   set_handler(SIGCONT);
+  std::signal(SIGTTOU, SIG_IGN); // it is in the background of the terminal that it gives
   ::sigprocmask(SIG_SETMASK, &run.mask, nullptr);
-  ::_exit(watch(command));
+  ::_exit(watch(run.streams, command));
 }
 
 ::pid_t start_first() {
@@ -242,14 +252,13 @@ int watch(::pid_t command) {
 
 /// Stops with the command, which the terminal has stopped, until both are continued. Where a shell
 /// does not look after this process, the command goes on at once.
-void stop_too(Streams &streams, ::pid_t first) {
+void stop_too(Streams &streams) {
   terminal_release(streams.terminal);
   if (!is_ignored(SIGTSTP)) {
     std::signal(SIGTSTP, SIG_DFL);
     ::kill(0, SIGTSTP);
     set_handler(SIGTSTP);
   }
-  ::kill(first, SIGCONT);
 }
 
 /// 0 when the first process has ended.
@@ -265,8 +274,11 @@ bool accompany(Streams &streams, ::pid_t first, int events) {
   if (next_event(events) != Started) return false;
   while (true) {
     streams_relay(streams, events);
-    if (next_event(events) != Stopped) return true;
-    stop_too(streams, first);
+    const char event = next_event(events);
+    if (event == 0) return true;
+    if (event == Stopped) stop_too(streams);
+    else streams.terminal.wanted = true;
+    ::kill(first, SIGCONT);
   }
 }
 

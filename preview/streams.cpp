@@ -184,7 +184,7 @@ bool relay_once(Streams &streams, int events, const ::sigset_t &mask) {
       {events, POLLIN, 0}
   };
   for (const Channel &channel : streams.channels) polls.push_back(wanted(streams, channel));
-  const bool waits = streams.terminal.master && !streams.terminal.taken;
+  const bool waits = streams.terminal.wanted && !streams.terminal.taken;
   if (::ppoll(polls.data(), polls.size(), waits ? &Pause : nullptr, &mask) <= 0) return true;
   for (std::size_t i = 1; i < polls.size(); ++i)
     if (polls[i].revents != 0 && streams.channels[i - 1].open)
@@ -203,6 +203,7 @@ bool streams_connect(Streams &streams, int terminals) {
   Terminal &terminal = streams.terminal;
   if (terminal.caller < 0) return true;
   for (const int stream : streams.command) terminal.shared |= stream != TerminalStream;
+  terminal.wanted = !terminal.shared;
   if (!terminal_open(terminal, terminals)) return false;
   const int from = terminal_for(streams, O_WRONLY), to = terminal_for(streams, O_RDONLY);
   const int master = terminal.master.get();
@@ -218,6 +219,7 @@ bool streams_take(const Streams &streams, int kept) {
   for (std::size_t i = 0; i < streams.command.size(); ++i) {
     if (streams.command[i] == ClosedStream) continue;
     const Descriptor stream = open_in_view(streams, streams.command[i]);
+    if (!stream) return false;
     copies[i] = Descriptor{::fcntl(stream.get(), F_DUPFD, aside)};
     if (!copies[i]) return false;
     if (streams.command[i] == TerminalStream) ::ioctl(copies[i].get(), TIOCSCTTY, 0);

@@ -84,7 +84,7 @@ bool terminal_open(Terminal &x, int terminals) {
 void terminal_follow(Terminal &x) {
   if (!x.master) return;
   pass_size(x);
-  if (!x.taken && in_foreground(x.caller)) take(x);
+  if (x.wanted && !x.taken && in_foreground(x.caller)) take(x);
 }
 
 void terminal_release(Terminal &x) {

@@ -18,14 +18,15 @@
 
 namespace installer::preview {
 
-/// `caller`: a descriptor of the caller's terminal, -1 for none. `shared`: others of a pipeline may
-/// write to it, so it goes on to begin their lines at the left. `master`: our end of the view's;
-/// none after a hang-up. `slave`: the command's, `name` its path. `taken`: what is typed arrives
-/// here; then `mode` is the caller's, which comes back, and `guard` a process that sees to it when
-/// this one is killed, as long as `alive` is open.
+/// `caller`: a descriptor of the caller's terminal, -1 for none. `shared`: other streams lead
+/// elsewhere, so others of a pipeline may use it: it goes on to begin their lines at the left.
+/// `wanted`: the command reads from it; what has it alone is taken to do so. `master`: our end of
+/// the view's; none after a hang-up. `slave`: the command's, `name` its path. `taken`: what is
+/// typed arrives here; then `mode` is the caller's, which comes back, and `guard` a process that
+/// sees to it when this one is killed, as long as `alive` is open.
 struct Terminal {
   int caller = -1;
-  bool shared = false;
+  bool shared = false, wanted = false;
   Descriptor master{}, slave{}, alive{};
   std::string name{};
   ::termios mode{};
@@ -38,7 +39,8 @@ struct Terminal {
 /// Makes the view's terminal, in the terminal file system `terminals`, with the mode and the size
 /// of the caller's. False with errno set.
 [[nodiscard]] bool terminal_open(Terminal &x, int terminals);
-/// Takes the caller's terminal when this process is in its foreground, and passes its size on.
+/// Passes the size of the caller's terminal on, and takes it when it is wanted and this process is
+/// in its foreground.
 void terminal_follow(Terminal &x);
 /// Gives the caller's terminal its mode back.
 void terminal_release(Terminal &x);

@@ -386,20 +386,25 @@ TEST_F(Preview, TerminalIsRelayed) {
   const struct {
     const char *script, *input, *want;
   } rows[] = {
-      {"stty cols 77 rows 33; preview stty size",                                       "",       "33 77\r\n"                      },
-      {R"(preview sh -c 'stty -echo; printf "Key? "; read x; stty echo; echo "[$x]"')", "abc\n",
-       "Key? [abc]\r\n"                                                                                                            },
-      {R"(preview sh -c 'printf "Name? "; read x; echo "[$x]"')",                       "abc\n",
-       "Name? abc\r\n[abc]\r\n"                                                                                                    },
-      {R"(preview sh -c 'printf "? "; read x'; echo =$?)",                              "\3\n",   "=130\r\n"                       },
-      {R"(preview sh -c 'printf "? "; cat'; echo =$?)",                                 "",       "=0\r\n"                         },
-      {R"(preview sh -c 'printf "? "; read x; echo "[$x]"'; echo =$?)",                 "\x1a\n", "[]\r\n"                         },
-      {"preview seq 30000",                                                             "",       "\n29999\r\n30000\r\n\r\nNothing"},
-      {"preview seq 30000 | cksum; preview yes | head -n 1",                            "",       "2697719541 168917\r\ny\r\n"     },
-      {"stty -g >a; preview true; stty -g >b; cmp a b && echo same",                    "",       "same"                           },
-      {"stty -g >a; for n in KILL USR1 TERM; do " INSTALLER_PREVIEW " sleep 9 & sleep 0.5\n"
+      {"stty cols 77 rows 33; preview stty size",                                                 "",       "33 77\r\n"                      },
+      {R"(preview sh -c 'stty -echo; printf "Key? "; read x; stty echo; echo "[$x]"')",           "abc\n",
+       "Key? [abc]\r\n"                                                                                                                      },
+      {R"(preview sh -c 'printf "Name? "; read x; echo "[$x]"')",                                 "abc\n",
+       "Name? abc\r\n[abc]\r\n"                                                                                                              },
+      {R"(preview sh -c 'printf "? "; read x'; echo =$?)",                                        "\3\n",   "=130\r\n"                       },
+      {R"(preview sh -c 'printf "? "; cat'; echo =$?)",                                           "",       "=0\r\n"                         },
+      {R"(preview sh -c 'printf "? "; read x; echo "[$x]"'; echo =$?)",                           "\x1a\n", "[]\r\n"                         },
+      {"preview seq 30000",                                                                       "",       "\n29999\r\n30000\r\n\r\nNothing"},
+      {"preview seq 30000 | cksum; preview yes | head -n 1",                                      "",       "2697719541 168917\r\ny\r\n"     },
+      {R"(echo | preview sh -c 'printf "Key? "; read x </dev/tty; echo "[$x]"' | cat)",           "abc\n",
+       "[abc]\r\n"                                                                                                                           },
+      {"stty -g >a; preview sleep 0.5 | cat & sleep 0.3; stty -g >b; cmp a b && echo same; wait",
+       "",                                                                                                  "same"                           },
+      {"stty -g >a; preview true; stty -g >b; cmp a b && echo same",                              "",       "same"                           },
+      {"stty -g >a; for n in KILL USR1 TERM; do " INSTALLER_PREVIEW
+       " sh -c 'read x </dev/tty' & sleep 0.5\n"
        "stty -g >b; cmp -s a b || echo raw >>c; kill -$n $!; wait $!; sleep 0.3; stty -g >b\n"
-       "cmp a b && echo same >>c; done; tr '\\n' , <c",                          "",       "raw,same,raw,same,raw,same,"    },
+       "cmp a b && echo same >>c; done; tr '\\n' , <c",                                    "",       "raw,same,raw,same,raw,same,"    },
   };
   for (const auto &r : rows) {
     const std::string console = apart(r.script, r.input, Via::Pty);
