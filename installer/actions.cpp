@@ -245,7 +245,7 @@ Step take_answer(Pass &pass, char (&reply)[LineSize]) {
   errno = 0;
   if (quest_answer(pass.quest, pass.index, reply) == 0) return refuse(pass);
   pass.answered = setting;
-  set_answer(pass.run.given, setting, given.c_str());
+  set_answer(pass.run.given, {setting, given});
   if (Answer *answer = find_answer(pass.run.answers, setting)) answer->value = given;
   return Step::Next;
 }

@@ -3,7 +3,6 @@
 #include "installer/lines.h"
 #include "installer/quest.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <set>
@@ -32,7 +31,7 @@ void load_answer(Answers &answers, char *line, const Lines &lines, const Faults 
   if (*value == '\0') tell(FaultKind::MissingWord, "'" + name + "' has no answer");
   else if (find_answer(answers, name.c_str()) != nullptr)
     tell(FaultKind::Repeated, "'" + name + "' is given twice");
-  else answers.push_back({name, value, lines.number()});
+  else set_answer(answers, {name, value, lines.number()});
 }
 
 /// A file without a name, in memory where the kernel can: answers hold secrets.
@@ -79,7 +78,7 @@ bool fits_line(const Answer &answer) {
 
 std::string record_text(const Answers &answers, const std::string &title) {
   std::string text = "# " + escape_controls(title) + "\n";
-  for (const Answer &answer : answers)
+  for (const Answer &answer : answers.list)
     text += fits_line(answer)
                 ? answer.name + " " + answer.value + "\n"
                 : "# " + escape_controls(answer.name) + ": no line can hold the answer\n";
@@ -128,21 +127,21 @@ void answers_check(const Answers &answers, const char *file, const char *questio
                    const Faults &faults) {
   const std::optional<std::set<std::string>> asked = asked_settings(questions);
   if (!asked) return;
-  for (const Answer &answer : answers)
+  for (const Answer &answer : answers.list)
     if (!asked->contains(answer.name))
       faults({Severity::Error, FaultKind::UnknownKeyword, file, answer.line,
               "No question asks for '" + answer.name + "'", answer.name});
 }
 
 Answer *find_answer(Answers &answers, const char *name) {
-  const auto found = std::find_if(answers.begin(), answers.end(),
-                                  [&](const Answer &answer) { return answer.name == name; });
-  return found != answers.end() ? &*found : nullptr;
+  const auto found = answers.index.find(name);
+  return found != answers.index.end() ? &answers.list[found->second] : nullptr;
 }
 
-void set_answer(Answers &answers, const char *name, const char *value) {
-  if (Answer *known = find_answer(answers, name)) known->value = value;
-  else answers.push_back({name, value});
+void set_answer(Answers &answers, const Answer &answer) {
+  const auto [known, fresh] = answers.index.try_emplace(answer.name, answers.list.size());
+  if (fresh) answers.list.push_back(answer);
+  else answers.list[known->second].value = answer.value;
 }
 
 Cause answers_write(const Answers &answers, const char *file, const std::string &title) {

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace installer {
@@ -21,7 +22,11 @@ struct Answer {
   std::string value;
   std::size_t line = 0;
 };
-using Answers = std::vector<Answer>;
+/// `list`: in their order, one of each name. `index`: where that of a name stands.
+struct Answers {
+  std::vector<Answer> list;
+  std::unordered_map<std::string, std::size_t> index;
+};
 
 /// Appends the answers of `file`, "-" for standard input. `faults` takes a name that has an answer
 /// already (the first holds), a name without one and a line that is too long; these are left out.
@@ -33,8 +38,8 @@ void answers_check(const Answers &answers, const char *file, const char *questio
                    const Faults &faults);
 /// The answer of that name, or null.
 [[nodiscard]] Answer *find_answer(Answers &answers, const char *name);
-/// Puts the value in place of the answer of that name, or appends it.
-void set_answer(Answers &answers, const char *name, const char *value);
+/// Puts the value in place of the answer of that name, or appends the answer.
+void set_answer(Answers &answers, const Answer &answer);
 /// Writes the answers to `file`, after the comment `title`, in the form that answers_load reads;
 /// one that a line cannot hold is named in a comment. An old file, which must be a regular one, is
 /// replaced as a whole; the new one has mode 0600. No cause: written.

@@ -471,6 +471,24 @@ TEST(Answers, RecordReplaysToTheSameTree) {
   }
 }
 
+TEST(Answers, ManyTakeTimeInProportion) {
+  const TempDir dir;
+  write_product();
+  std::string questions = "[w]\n", answers;
+  for (int i = 0; i < 20000; ++i) {
+    questions += "Text q" + std::to_string(i) + " - - h x\n";
+    answers += "q" + std::to_string(i) + " a\n";
+  }
+  write_file("pkg.q", questions);
+  write_file("answers", answers);
+  const auto in_seconds = [] {
+    const struct ::rlimit time = {8, 8};
+    catch_errors(), ::setrlimit(RLIMIT_CPU, &time);
+  };
+  EXPECT_EQ(run_with(Go + " -special w -answers answers -record r", {}, in_seconds).status, 0);
+  EXPECT_TRUE(read_file("r") == "# P, w\n" + answers);
+}
+
 TEST(Answers, HelpOpensNothing) {
   for (const char *arguments :
        {"-help", "-x --help", "-special -h", "-strict -automate -answers -h"}) {
