@@ -430,6 +430,8 @@ TEST(Answers, StandInForDefaults) {
           "pkg: pkg.q:3: sure: You must answer either Yes or No\n"});
   expect({with, "answers", "port 81\n", 2,
           "pkg: pkg.q:3: sure: There is neither an answer nor a default\n"});
+  expect({with, "answers", "port " + std::string(1999, 'x') + "\n#" + std::string(1999, 'x'), 2,
+          "pkg: answers:1: The line is too long\n"});
   expect({with, "answers", "x 1\nport\nport 2\nport 3\ndir " + std::string(999, 'x') + "\n", 2,
           "pkg: answers:2: 'port' has no answer\npkg: answers:4: 'port' is given twice\n"
           "pkg: answers:5: The line is too long\npkg: answers:1: No question asks for 'x'\n"});
