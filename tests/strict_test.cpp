@@ -260,18 +260,36 @@ TEST(Strict, TellsOfAConsoleOrALogThatLosesLines) {
   }
 }
 
-TEST(Strict, LogNamesCommandsFilesAndTheOutcome) {
-  const TempDir dir;
-  write_product();
-  run_with(Go);
-  const std::string log = read_log("pkg.log");
-  std::size_t at = 0;
-  for (const char *line :
-       {"Info: pkg.cpy:2 MkDir\nDebug: Processing [", "Info: created out\n",
+TEST(Strict, LogTellsTheWayOfARun) {
+  const struct {
+    std::string arguments, script;
+    std::vector<const char *> lines;
+  } rows[] = {
+      {Go,
+       "[install]\nMkDir out\nCopyDir src/* - $(current_dir)/out\nWFile out/port port\n", {"Info: pkg.cpy:2 MkDir\nDebug: Processing [", "Info: created out\n",
         "Info: pkg.cpy:3 CopyDir\n", "out/a\n", "Info: pkg.cpy:4 WFile\n",
-        "Info: Outcome 0, complete: 3 commands, 5 files, 2 bytes, 0 failures, "}) {
-    EXPECT_NE(at = log.find(line, at), log.npos) << line << log;
-    if (at == log.npos) break;
+        "Info: Outcome 0, complete: 3 commands, 5 files, 2 bytes, 0 failures, "}},
+      {"-automate",
+       "[install]\nMkDir out\nCopyFile none/*.x - $(current_dir)/out\nMkDir no\n",        {"Info: Processing copy script...\nDebug: Processing [260:out->,,,]\n",
+        "Info: No files found to copy in 'none/' matching '*.x'\nInfo: Stop on fail set, "
+        "stopping...\n"}                                                               },
+      {"-automate -special remove",
+       "[remove]\nRmFile none -\nMkDir no port 9\nMkDir out\n",                           {"Info: Stop on fail NOT set, continuing...\n",
+        "Debug: Doing nothing due to controlling setting\n", "Debug: Directory created 'out'\n",
+        "Info: Copy script completed successfully\n"}                                                     },
+  };
+  for (const auto &row : rows) {
+    const TempDir dir;
+    write_product();
+    write_file("pkg.cpy", row.script);
+    run_with(row.arguments);
+    EXPECT_TRUE(fs::exists("out") && !fs::exists("no"));
+    const std::string log = read_log("pkg.log");
+    std::size_t at = 0;
+    for (const char *line : row.lines) {
+      EXPECT_NE(at = log.find(line, at), log.npos) << line << log;
+      if (at == log.npos) break;
+    }
   }
 }
 
