@@ -51,23 +51,27 @@ void show_version(Run & /*run*/, const char * /*value*/) {
 /// The usage is shown before anything else.
 void show_nothing(Run & /*run*/, const char * /*value*/) {}
 
+// The help of some is longer than the formatter can align.
+// clang-format off
+using enum When;
 constexpr Option options[] = {
-    {"-automate", nullptr, "unattended: every question takes its default",              set_automate},
-    {"-special",  "TAG",   "run the section TAG of the product, without a menu",        set_special },
-    {"-strict",   nullptr, "tell by the exit status and on standard error what failed", set_strict  },
-    {"-answers",  "FILE",  "take answers from FILE (- for standard input) as defaults", set_answers },
-    {"-record",   "FILE",  "write the answers of this run to FILE",                     set_record  },
-    {"-debug",    nullptr, "log everything (as by default)",                            set_debug   },
-    {"-version",  nullptr, "show the version",                                          show_version},
-    {"--version", nullptr, nullptr,                                                     show_version},
-    {"-help",     nullptr, "show this (also --help, -h)",                               show_nothing},
-    {"--help",    nullptr, nullptr,                                                     show_nothing},
-    {"-h",        nullptr, nullptr,                                                     show_nothing},
+    {"-automate", nullptr, Applied, set_automate, "unattended: every question takes its default"},
+    {"-special",  "TAG",   Lenient, set_special,  "run the section TAG of the product, without a menu"},
+    {"-strict",   nullptr, Strict,  set_strict,   "tell by the exit status and on standard error what failed"},
+    {"-answers",  "FILE",  Applied, set_answers,  "take answers from FILE (- for standard input) as defaults"},
+    {"-record",   "FILE",  Applied, set_record,   "write the answers of this run to FILE"},
+    {"-debug",    nullptr, Applied, set_debug,    "log everything (as by default)"},
+    {"-version",  nullptr, Last,    show_version, "show the version"},
+    {"--version", nullptr, Last,    show_version, nullptr},
+    {"-help",     nullptr, First,   show_nothing, "show this (also --help, -h)"},
+    {"--help",    nullptr, First,   show_nothing, nullptr},
+    {"-h",        nullptr, First,   show_nothing, nullptr},
 };
+// clang-format on
 
 bool is_for_help(const char *argument) {
   const Option *option = find_word(options, argument, s_strcmp);
-  return option != nullptr && option->apply == show_nothing;
+  return option != nullptr && option->when == First;
 }
 
 /// True for an option that stands further in front as well.
@@ -80,7 +84,7 @@ bool repeats(const CommandLine &line, const Given &given) {
 /// tag, and taken the last of several.
 const char *wrong(const CommandLine &line, const Given &given) {
   if (given.option == nullptr) return line.strict ? "unknown argument" : nullptr;
-  const bool lenient = !line.strict && given.option->apply == set_special;
+  const bool lenient = !line.strict && given.option->when == Lenient;
   if (given.option->value == nullptr || lenient) return nullptr;
   if (given.value == nullptr) return "option without its value";
   return repeats(line, given) ? "option given twice" : nullptr;
@@ -97,8 +101,8 @@ CommandLine read_command_line(char **argv, unsigned argc) {
     if (takes_value && next + 1 < argc) given.value = argv[++next];
     line.given.push_back(given);
     if (given.option == nullptr) continue;
-    if (given.option->apply == show_version) break;
-    line.strict = line.strict || given.option->apply == set_strict;
+    if (given.option->when == Last) break;
+    line.strict = line.strict || given.option->when == Strict;
   }
   return line;
 }

@@ -8,14 +8,21 @@
 
 namespace installer {
 
+/// When an option acts. `Applied`: in its turn, once there is a log; `Strict`: from the start on as
+/// well, for it decides what else is wrong; `Lenient`: as `Applied`, and without `-strict` what is
+/// wrong with its value is its own business; `Last`: in its turn, and nothing behind it is read;
+/// `First`: instead of the run, wherever it stands.
+enum class When { Applied, Strict, Lenient, Last, First };
+
 /// An option as a row of the table of all. `value`: what its value is called in the usage, null for
 /// one without; `help`: its line there, null for another spelling of the row above. `apply` may end
 /// the process; `value` is null when it is missing.
 struct Option {
   const char *word;
   const char *value;
-  const char *help;
+  When when;
   void (*apply)(Run &run, const char *value);
+  const char *help;
 };
 
 /// One argument, with its value. `option`: null for an argument that is none.
