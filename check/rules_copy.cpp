@@ -4,7 +4,7 @@
 #include "check/values.h"
 #include "check/words.h"
 
-#include "installer/lib.h"
+#include "installer/actions.h"
 
 #include <algorithm>
 #include <unordered_set>
@@ -90,7 +90,7 @@ const Use *target_of(const Step &step) {
 /// A removal or change that stops an install or upgrade when it finds nothing, and nothing says
 /// that it does.
 bool finds_nothing(const CopySection &section, const Step &step, const Effect &effect) {
-  const bool stops = is_section(section, "install") || is_section(section, "upgrade");
+  const bool stops = action_of_section(section.name.c_str()).stop_on_fail != 0;
   const bool gated = use_of(step, Role::Control) != nullptr;
   return stops && needs_match(step.deed) && !gated && effect.matches == 0 &&
          !(step.deed == Deed::Moves && effect.in_folder);

@@ -36,10 +36,6 @@ bool has_section(const Product &product, const std::string &file, const char *na
   });
 }
 
-bool is_action(const std::string &name) {
-  return name == "install" || name == "upgrade" || name == "remove";
-}
-
 /// What to write for a word that is missing, where that is the same for every line.
 std::string remedy_for(const std::string &missing) {
   const struct {

@@ -2,14 +2,11 @@
 
 #include "check/words.h"
 
-#include <algorithm>
-#include <array>
+#include "installer/actions.h"
 
 namespace installer::check {
 
 namespace {
-
-constexpr std::array<const char *, 3> actions = {"install", "upgrade", "remove"};
 
 /// Reads all sections of a file; a second one of a name is never read by anybody.
 template <class Read>
@@ -35,16 +32,13 @@ template <class Sections>
 void guess_sections(Product &product, const std::string &file, const SectionNames &here,
                     const SectionNames &there, Sections &sections) {
   Nearest missing;
-  for (const char *action : actions)
-    if (!here.contains(action)) missing.add(action);
+  for (const Action &action : actions())
+    if (action.section != nullptr && !here.contains(action.section)) missing.add(action.section);
   for (const std::string &name : there)
     if (!here.contains(name)) missing.add(name);
   for (Header &header : product.headers) {
     if (header.file != &file || there.contains(header.meant)) continue;
-    if (std::find_if(actions.begin(), actions.end(), [&](const char *action) {
-          return s_stricmp(action, header.meant.c_str()) == 0;
-        }) != actions.end())
-      continue;
+    if (is_action(header.meant)) continue;
     const std::string_view meant = missing.find(header.meant);
     if (meant.empty()) continue;
     header.meant = meant;
@@ -92,6 +86,10 @@ void guess_all_sections(Product &product) {
   guess_sections(product, product.quest_file, asked, copied, product.questions);
   guess_sections(product, product.copy_file, copied, sections_of(product, product.quest_file),
                  product.scripts);
+}
+
+bool is_action(const std::string &name) {
+  return action_of_section(name.c_str()).section != nullptr;
 }
 
 SectionNames sections_of(const Product &product, const std::string &file) {

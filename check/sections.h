@@ -21,6 +21,9 @@ void load_scripts(Product &product, const Faults &faults);
 /// that is missing: its header and the section itself then have that name.
 void guess_all_sections(Product &product);
 
+/// True for the name of a section that the menu runs, letter case ignored.
+[[nodiscard]] bool is_action(const std::string &name);
+
 /// The names of the sections of a file, as they are meant; letter case ignored.
 using SectionNames = std::unordered_set<std::string, FoldedName, FoldedName>;
 [[nodiscard]] SectionNames sections_of(const Product &product, const std::string &file);

@@ -2,6 +2,7 @@
 
 #include "check/words.h"
 
+#include "installer/actions.h"
 #include "installer/shared.h"
 
 #include <algorithm>
@@ -248,7 +249,7 @@ Step entry_step(const Product &product, const Quest &entry, std::size_t index, b
 }
 
 void trace_questions(const Product &product, QuestSection &section, State &state) {
-  const bool expands = s_stricmp(section.name.c_str(), "upgrade") == 0;
+  const bool expands = action_of_section(section.name.c_str()).expand_error;
   for (const Quest &entry : section.owner->list) {
     section.steps.push_back(entry_step(product, entry, section.steps.size(), expands, state));
     if (const Use *result = use_of(section.steps.back(), Role::Result))

@@ -1,7 +1,9 @@
-#include "installer/front.h"
+#include "installer/installer.h"
 
+#include "installer/actions.h"
 #include "installer/init.h"
 #include "installer/options.h"
+#include "installer/product.h"
 #include "installer/shared.h"
 #include "installer/signals.h"
 
@@ -11,10 +13,6 @@
 #include <unistd.h>
 
 namespace installer {
-
-Text myname;
-Text special_mode;
-int automate = 0;
 
 namespace {
 
@@ -196,20 +194,6 @@ Status run_to_the_end(const CommandLine &line) {
 }
 
 } // namespace
-
-const char *product_name(Ini ini) {
-  const char *product = ini_value_name(ini, ProductSetting);
-  return product != nullptr ? product : "NONAME";
-}
-
-bool product_file(const char *ext, char (&path)[PathSize]) {
-  char directory[PathSize];
-  const bool found = currentdir(directory, sizeof directory) != nullptr;
-  *path = '\0';
-  if (!found && (errno == ERANGE || errno == ENAMETOOLONG)) return false;
-  const std::string name = or_empty(text_of(myname)) + std::string{ext};
-  return join_path(path, sizeof path, directory, name.c_str()) != 0;
-}
 
 int main(unsigned argc, char **argv) {
   prepare_process();

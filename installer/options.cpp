@@ -1,6 +1,6 @@
 #include "installer/options.h"
 
-#include "installer/front.h"
+#include "installer/product.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 #include "installer/run.h"
 
-#include "installer/front.h"
 #include "installer/init.h"
+#include "installer/product.h"
 #include "installer/signals.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 #pragma once
 
-// What the two halves of the front end share: start-up and menu (installer.cpp), and the product
-// actions (actions.cpp).
+// What the whole process goes by: the name and the mode that it was started with, and the names
+// that follow from them.
 
-#include "installer/installer.h"
-#include "installer/run.h"
+#include "installer/ini.h"
+#include "installer/lib.h"
 
 namespace installer {
 
@@ -21,11 +21,5 @@ extern int automate;
 
 /// The value of the setting "product", or "NONAME".
 [[nodiscard]] const char *product_name(Ini ini);
-
-enum class ActionKind { Install, Upgrade, Remove, Special };
-
-/// The action of that kind, as `install_product` and the others do it; `run` tells what became of
-/// it.
-ActionResult run_action(Run &run, ActionKind kind);
 
 } // namespace installer
