@@ -218,6 +218,7 @@ TEST(Strict, DoesNotBegin) {
 }
 
 TEST(Strict, SaysAnErrorOnceOnATerminal) {
+  if (!has_terminals()) GTEST_SKIP() << "no pseudo-terminals";
   const struct {
     const char *questions, *error;
   } rows[] = {
@@ -400,6 +401,7 @@ TEST(Strict, SignalAtAnyMomentEndsTheRunWithALineOfTheLog) {
 }
 
 TEST(Strict, InterruptAtAQuestionEndsTheRunWithALineOfTheLog) {
+  if (!has_terminals()) GTEST_SKIP() << "no pseudo-terminals";
   const TempDir dir;
   write_product();
   const auto control = [] { ::setsid(), ::ioctl(0, TIOCSCTTY, 0); };
