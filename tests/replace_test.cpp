@@ -61,6 +61,9 @@ TEST(Replace, WholeOrInPlace) {
                                 0xff, 2,    0,    4,    0,    1,    0,    0,    0,    4,    0,
                                 0,    0,    0xff, 0xff, 0xff, 0xff, 0x10, 0,    4,    0,    0xff,
                                 0xff, 0xff, 0xff, 0x20, 0,    0,    0,    0xff, 0xff, 0xff, 0xff};
+  unsigned char another[sizeof list]; // user 2
+  std::memcpy(another, list, sizeof list);
+  another[16] = 2;
   // Where the file system has no attributes, nothing needs to be kept.
   const auto set = [](const char *path, const char *name, const void *value, std::size_t size) {
     EXPECT_TRUE(::setxattr(path, name, value, size, 0) == 0 || errno == ENOTSUP) << name;
@@ -82,7 +85,7 @@ TEST(Replace, WholeOrInPlace) {
       {"both",
        [&] {
          set("both", "system.posix_acl_access", list, sizeof list),
-             set(".", "system.posix_acl_default", list, sizeof list);
+             set(".", "system.posix_acl_default", another, sizeof another);
        },                                                                                              0604,  true                                                               },
       {"of another",       [&] { EXPECT_EQ(root ? ::chown("of another", 7, 8) : 0, 0); },              04755, true                                                               },
       {"of my group",      [&] { EXPECT_EQ(root ? ::chown(".", 0, 9) : 0, 0); },                       0640,  true                                                               },
@@ -248,30 +251,42 @@ TEST(Replace, NamesTakenWhileAFileIsWritten) {
   }
 }
 
-TEST(Replace, OnlyTheFileThatWasMadeIsRemoved) {
+TEST(Replace, OnlyTheFileThatWasMadeIsRenamedOrRemoved) {
   const TempDir folder;
-  const std::string longest(255, 'n');
-  for (const std::string &name : {std::string{"plain"}, longest}) {
-    Replacement out{name.c_str(), AT_FDCWD, -1,
-                    name == "plain" ? NewFile::InPlace : NewFile::Beside};
+  const std::string longest(255, 'n'), beside = ".file.installer-new";
+  for (const std::string &name : {std::string{"plain"}, longest, std::string{"file"}}) {
+    const NewFile where = name == "plain" ? NewFile::InPlace : NewFile::Beside;
+    const std::string made = name == "file" ? beside : name;
+    Replacement out{name.c_str(), AT_FDCWD, -1, where};
     EXPECT_EQ(out.write("new", 3), 3U);
-    fs::rename(name, "moved " + name.substr(0, 5));
-    write_file(name, "theirs");
+    fs::rename(made, "moved");
+    fs::create_symlink("moved", made);
+    if (made == name) continue;
+    EXPECT_FALSE(out.commit());
+    EXPECT_EQ(out.cause().number, EBUSY);
   }
-  EXPECT_EQ(read_file("plain") + read_file(longest), "theirstheirs");
+  const Tree wanted = {
+      {beside,  "-> moved"},
+      {longest, "-> moved"},
+      {"moved", "new"     },
+      {"plain", "-> moved"}
+  };
+  EXPECT_EQ(read_tree("."), wanted);
 }
 
-TEST(Replace, SwappedTargetsAreNotFollowed) {
+TEST(Replace, SwappedFilesAreNotUsed) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root may make links of other users";
   ::setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
   bool stopped = true;
-  for (int call = 1; stopped; ++call) {
+  for (int call = 100; stopped; ++call) { // before, the product is not even loaded
     const TempDir scratch;
     write_file("installer.dat", "to $(current_dir)/out\n");
     write_file("installer.int", "");
     write_file("installer.q", "[install]\n");
-    write_file("installer.cpy", "[install]\nCopyFile f - $(to)\nIni f $(to)/i\nWFile $(to)/w f\n");
-    write_file("f", "new");
+    write_file("installer.cpy", "[install]\nCopyFile f - $(to)\nIni f $(to)/i\nWFile $(to)/w f\n"
+                                "CopyFile source - $(to)\n");
+    for (const char *name : {"f", "source"}) write_file(name, "new");
+    EXPECT_EQ(::mkfifo("pipe", 0600), 0);
     write_file("victim", "old");
     for (const std::string name : {"f", "i", "w"}) {
       write_file("out/" + name, "old");
@@ -281,8 +296,10 @@ TEST(Replace, SwappedTargetsAreNotFollowed) {
     }
     stopped = run_and_stop(call, [](int) {
       for (const std::string name : {"f", "i", "w"}) fs::rename(name + ".link", "out/" + name);
+      fs::rename("pipe", "source");
     });
     ASSERT_EQ(read_file("victim"), "old") << call;
+    ASSERT_TRUE(!fs::exists("out/source") || read_file("out/source") == "new") << call;
   }
 }
 
