@@ -1,3 +1,4 @@
+#include "installer/installer.h"
 #include "tests/support.h"
 
 #include <gtest/gtest.h>
@@ -413,6 +414,17 @@ TEST(Start, OddSurroundings) {
   expect({.prepare = go_deep}, "Error: The path of the data files is too long\n", "");
   expect({.prepare = leave_no_directory}, "", "");
   for (const auto prepare : {close_all, lose_console}) expect({.prepare = prepare}, "", "a");
+}
+
+TEST(Start, DotsAppearFiveAtATime) {
+  const TempDir dir;
+  const auto print = [] {
+    if (std::freopen("dots", "w", stdout) == nullptr) ::_exit(1);
+    for (int dot = 1; dot <= 12; ++dot) printdot(nullptr, nullptr, 0);
+    ::_exit(0);
+  };
+  EXPECT_EXIT(print(), ::testing::ExitedWithCode(0), "");
+  EXPECT_EQ(read_file("dots"), "..........");
 }
 
 } // namespace installer::test

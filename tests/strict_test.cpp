@@ -199,6 +199,10 @@ TEST(Strict, DoesNotBegin) {
   expect({Go, "pkg.q", "[install]\nText a - - h x\n", 2,
           q + "a: There is neither an answer nor a default\n"});
   expect({Go, "pkg.q", "[install]\nExist none e\nError e h No\n", 2, "pkg: pkg.q:3: Error: No\n"});
+  const std::string error = "]\nExist none e\nError e h No $(port)\n";
+  expect({Go + " -special w", "pkg.q", "[w" + error, 2, "pkg: pkg.q:3: Error: No $(port)\n"});
+  expect({"-strict", "pkg.q", "[remove" + error, 2, "pkg: pkg.q:3: Error: No $(port)\n", "3\n"});
+  expect({"-strict", "pkg.q", "[upgrade" + error, 2, "pkg: pkg.q:3: Error: No 80\n", "2\n"});
   expect({Go, "pkg.q", "[install]\nExist none e\nLoop e 0\n", 2,
           "pkg: pkg.q:3: Loop: The questions repeat without end\n"});
   expect(
