@@ -113,7 +113,6 @@ std::vector<std::string> find_destinations(pCopy x, std::uint32_t index) {
 
 int copy_into(pCopy x, std::uint32_t index, Copying &copying, const Operands &source,
               const Target &into) {
-  const bool trees = copy_command(x->list[index].type).trees;
   const char *path = source.path.c_str();
   Entries entries{path, source.file.c_str(), missed_at_top(x, index, true)};
   if (!entries) imsg("No files found to copy in '%s' matching '%s'", path, source.file.c_str());
@@ -122,7 +121,7 @@ int copy_into(pCopy x, std::uint32_t index, Copying &copying, const Operands &so
   for (File entry : entries) {
     if (excluded(entry_name(*entry), copying.exclude)) continue;
     if (!is_dir(*entry)) count += file_copy_entry(copying, *entry, into);
-    else if (trees) count += file_xcopy_entry(copying, *entry, into);
+    else if (copying.tree) count += file_xcopy_entry(copying, *entry, into);
   }
   return count;
 }
@@ -319,7 +318,7 @@ int copy_files(pCopy x, std::uint32_t index, std::uint64_t *bytes) {
   if (!split_source(x, index, source)) return 0;
   const std::vector<std::string> destinations = find_destinations(x, index);
   Copying copying{.exclude = copy_not(x, index),
-                  .tree = x->list[index].type == CType::CpyDir,
+                  .tree = copy_command(x->list[index].type).trees,
                   .bytes = bytes,
                   .sink = sink_of(x)};
   for (const std::string &directory : destinations) copying.fill(directory.c_str());

@@ -51,7 +51,7 @@ std::string Lines::reason() const {
 
 Fault Lines::fault(Severity severity, FaultKind kind, const std::string &text,
                    const char *word) const {
-  const std::string &section = in_section_ ? section_ : std::string{};
+  const std::string section = in_section_ ? section_ : std::string{};
   return {severity, kind, file_, number_, text, or_empty(word), {}, {}, section};
 }
 
