@@ -18,6 +18,7 @@
 #include <grp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -277,13 +278,16 @@ TEST_F(Preview, ViewHasTheMachinesMounts) {
   for (const char *folder : {"a,b:c\\d e", "n\nl", "hid/in", "hid", "stack", "stack", "noexec"})
     ASSERT_TRUE(mount_memory(folder, ""));
   for (int i = 0; i < 300; ++i) ASSERT_TRUE(mount_memory("many/" + std::to_string(i)));
+  ASSERT_TRUE(mount_memory("zz"));
+  write_file("zz/sub/f", "1\n");
   write_file("real/sub/f", "1\n");
   write_file("single", "1\n");
   write_file("file", "");
-  for (const char *place : {"bind", "deep", "ro"}) fs::create_directory(place);
+  for (const char *place : {"bind", "deep", "ro", "aa"}) fs::create_directory(place);
   for (const auto &[from, to] : Tree{
            {"real",     "bind"},
            {"real/sub", "deep"},
+           {"zz/sub",   "aa"  },
            {"",         ""    }
   })
     if (!from.empty()) {
@@ -296,13 +300,13 @@ TEST_F(Preview, ViewHasTheMachinesMounts) {
   const Outcome outcome = preview({"sh", "-c", R"sh(
 echo >'a,b:c\d e/x'; echo >'n
 l/x'; echo >stack/x; echo >many/299/x; [ ! -e hid/in ] || echo hidden
-echo 2 >bind/sub/f; cat real/sub/f deep/f ro/sub/f; echo 3 >file; cat single
+echo 2 >bind/sub/f; cat real/sub/f deep/f ro/sub/f; echo 3 >file; cat single; echo 4 >aa/f; cat zz/sub/f
 touch ro/new 2>/dev/null && echo written
 cp /bin/true noexec; noexec/true 2>/dev/null && echo executed
 [ "$(stat -c %d.%i /..)" = "$(stat -c %d.%i /)" ] || echo a way out
 grep -vE -e ' - (overlay|devpts|mqueue) ' -e '^([^ ]+ ){5}ro,' /proc/self/mountinfo
 rm noexec/true; exit 5)sh"});
-  EXPECT_TRUE(outcome.console.starts_with("2\n2\n2\n3\n\nA ")) << outcome.console;
+  EXPECT_TRUE(outcome.console.starts_with("2\n2\n2\n3\n4\n\nA ")) << outcome.console;
   for (const char *line :
        {"A 0644 root:root 1 @/a,b:c\\\\d e/x\n", "A 0644 root:root 1 @/n\\nl/x\n",
         "M 0644 root:root 2 @/real/sub/f\n", "M 0644 root:root 2 @/single\n",
@@ -387,6 +391,9 @@ TEST_F(Preview, TerminalIsRelayed) {
     const char *script, *input, *want;
   } rows[] = {
       {"stty cols 77 rows 33; preview stty size",                                                 "",       "33 77\r\n"                      },
+      {R"((sleep 0.3; stty cols 55 rows 22 <&2) &
+          preview sh -c 'sleep 0.6; echo; sleep 0.2; stty size')",
+       "",                                                                                                  "22 55\r\n"                      },
       {R"(preview sh -c 'stty -echo; printf "Key? "; read x; stty echo; echo "[$x]"')",           "abc\n",
        "Key? [abc]\r\n"                                                                                                                      },
       {R"(preview sh -c 'printf "Name? "; read x; echo "[$x]"')",                                 "abc\n",
@@ -486,6 +493,24 @@ TEST_F(Preview, RunsEndWithThePreview) {
   EXPECT_FALSE(fs::exists("x"));
 }
 
+/// The time that ended children have worked, in seconds.
+static double worked() {
+  struct ::rusage usage = {};
+  ::getrusage(RUSAGE_CHILDREN, &usage);
+  const auto seconds = [](const ::timeval &t) {
+    return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+TEST_F(Preview, WaitsWithoutWork) {
+  const double before = worked();
+  EXPECT_EQ(preview({"true"}).status, 0);
+  const double start = worked();
+  EXPECT_EQ(preview({"sleep", "3"}, "unread").status, 0);
+  EXPECT_LT(worked() - start, start - before + 0.3);
+}
+
 TEST_F(Preview, TreesOfAnyDepthAndSize) {
   int directory = ::open(".", O_RDONLY);
   for (int level = 0; level < 900; ++level) {
@@ -502,10 +527,11 @@ TEST_F(Preview, TreesOfAnyDepthAndSize) {
   EXPECT_TRUE(read_file("sums").starts_with(
       "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855  " + here + "/up/down/"));
   console =
-      preview({"sh", "-c",
-               "mkdir a b; seq -f a/%.0f 10000 | xargs touch; seq -f b/%.0f 10000 | xargs touch"})
+      preview({"-manifest", "sums", "sh", "-c",
+               "mkdir a b; seq -f a/%.0f 4000 | xargs touch; seq -f b/%.0f 250 | xargs touch"})
           .console;
-  EXPECT_EQ(std::ranges::count(console, '\n'), 1 + 20002 + 2);
+  EXPECT_EQ(std::ranges::count(console, '\n'), 1 + 4252 + 2);
+  EXPECT_EQ(std::ranges::count(read_file("sums"), '\n'), 4250);
 }
 
 TEST_F(Preview, KeepsItsLayers) {
@@ -547,6 +573,11 @@ TEST_F(Preview, UsersHaveAViewOfTheirOwn) {
             std::string::npos)
       << outcome.console;
   EXPECT_EQ(outcome.console.find("/etc/x\n"), std::string::npos) << outcome.console;
+  // Where something covers a part of it, the system gives a user no new process file system.
+  ASSERT_EQ(::mount("none", "/proc/fs", "tmpfs", 0, nullptr), 0);
+  const Outcome covered = preview({"cat", "/proc/self/comm"}, {}, become_user);
+  EXPECT_NE(covered.console.find("\ncat\n"), std::string::npos) << covered.console;
+  ::umount("/proc/fs");
 }
 
 // ---- Products ----
