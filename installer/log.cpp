@@ -274,7 +274,7 @@ void log_last_line(std::string_view line) {
   HandlerText text;
   add_time(text);
   text.add("  [").add(static_cast<std::uint64_t>(::getpid())).add("] Info: ").add(line).add("\n");
-  static_cast<void>(::write(file, text.view().data(), text.view().size()));
+  static_cast<void>(!::write(file, text.view().data(), text.view().size()));
 }
 
 int log_rotate(Log x) {
