@@ -29,10 +29,11 @@ namespace installer::test {
 using Arguments = std::vector<std::string>;
 
 static Outcome preview(const Arguments &arguments, const std::string &input = {},
-                       void (*prepare)() = nullptr, Via via = Via::Pipe) {
+                       void (*prepare)() = nullptr, Via via = Via::Pipe,
+                       const std::string &program = INSTALLER_PREVIEW) {
   // Where this system has single files mounted, the preview says so first.
   static const std::regex remark{"installer-preview: cannot be written to in the view[^\n]*\n"};
-  Outcome outcome = run(arguments, input, via, {"installer-preview", prepare, INSTALLER_PREVIEW});
+  Outcome outcome = run(arguments, input, via, {"installer-preview", prepare, program.c_str()});
   outcome.console = std::regex_replace(outcome.console, remark, "");
   return outcome;
 }
@@ -551,32 +552,34 @@ TEST_F(Preview, KeepsItsLayers) {
 TEST_F(Preview, UsersHaveAViewOfTheirOwn) {
   if (!can_have_view(become_user)) GTEST_SKIP() << "no user name space";
   ASSERT_EQ(::chown(here.c_str(), SomeUser, SomeUser), 0);
+  const std::string program = here + "/program"; // users may be kept out of the original's place
+  fs::copy_file(INSTALLER_PREVIEW, program);
+  const auto as_user = [&](const Arguments &arguments) {
+    return preview(arguments, {}, become_user, Via::Pipe, program).console;
+  };
   write_file("mine", "1");
   ASSERT_EQ(::chown("mine", SomeUser, SomeUser), 0);
   write_file("theirs", "1");
   fs::create_directories("roots/own");
   ASSERT_EQ(::chown("roots/own", SomeUser, SomeUser), 0);
   fs::current_path("roots/own");
-  const std::string below =
-      preview({"sh", "-c", "echo >x; mkdir y; echo >y/x"}, {}, become_user).console;
+  const std::string below = as_user({"sh", "-c", "echo >x; mkdir y; echo >y/x"});
   for (const char *added : {"/own/x\n", "/own/y/\n", "/own/y/x\n"})
     EXPECT_NE(below.find(added), below.npos) << below;
   fs::current_path(here);
-  const Outcome outcome = preview(
+  const std::string console = as_user(
       {"sh", "-c",
-       "id -u; echo >new; echo 22 >mine; echo >>theirs; echo >/etc/x; mkdir d; chmod 0 new"},
-      {}, become_user);
-  EXPECT_TRUE(outcome.console.starts_with("installer-preview: an ordinary user's view: "));
+       "id -u; echo >new; echo 22 >mine; echo >>theirs; echo >/etc/x; mkdir d; chmod 0 new"});
+  EXPECT_TRUE(console.starts_with("installer-preview: an ordinary user's view: "));
   const std::string want =
       "\nA 0755 4711:4711 - @/d/\nM 0644 4711:4711 1->3 @/mine\nA 0000 4711:4711 1 @/new\n\n";
-  EXPECT_NE(outcome.console.find(std::regex_replace(want, std::regex{"@"}, here)),
-            std::string::npos)
-      << outcome.console;
-  EXPECT_EQ(outcome.console.find("/etc/x\n"), std::string::npos) << outcome.console;
+  EXPECT_NE(console.find(std::regex_replace(want, std::regex{"@"}, here)), std::string::npos)
+      << console;
+  EXPECT_EQ(console.find("/etc/x\n"), std::string::npos) << console;
   // Where something covers a part of it, the system gives a user no new process file system.
   ASSERT_EQ(::mount("none", "/proc/fs", "tmpfs", 0, nullptr), 0);
-  const Outcome covered = preview({"cat", "/proc/self/comm"}, {}, become_user);
-  EXPECT_NE(covered.console.find("\ncat\n"), std::string::npos) << covered.console;
+  const std::string covered = as_user({"cat", "/proc/self/comm"});
+  EXPECT_NE(covered.find("\ncat\n"), std::string::npos) << covered;
   ::umount("/proc/fs");
 }
 
