@@ -98,13 +98,14 @@ TEST_F(Demo, WholeLifeUnattended) {
   words["@files"] = root ? "43" : "39";
   words["@here"] = fs::current_path();
   converse(Via::Pipe, Automate, presets, R"(@menu[Install]
-Copying files[.....................]
+Copying files[......................]
 Success @bytes bytes in @files files copied
 
 Once "Notices" is in @here/../noticeboard:
 @blurb)");
-  for (const char *directory : {"conf/", "conf/answers/", "log/", "notices/"}) tree[directory] = "";
-  tree["version"] = tree["conf/installed"] = "2.1";
+  for (const char *directory : {"conf/", "conf/answers/", "log/", "notices/", ".noticeboard/"})
+    tree[directory] = "";
+  tree["conf/installed"] = "2.1";
   tree["conf/language"] = "en";
   for (const auto &[name, text] : Tree{
            {"admin",     "me@b.org"     },
@@ -140,8 +141,9 @@ Once "Notices" is in @here/../noticeboard:
            "[web]\nExecuting[]\n Success 3 files done.\n");
   EXPECT_TRUE(fs::exists("../noticeboard/noticeboard-site.conf"));
 
-  // With the site file and the board itself. The file that the script names shows no dot.
-  words["@dots"] = std::string(tree.size() + 2 - 1, '.');
+  // With the site file and the board itself. The file that the script names shows no dot, and a
+  // directory in one that it names two.
+  words["@dots"] = std::string(tree.size() + 2 - 1 + 1, '.');
   words["@files"] = std::to_string(tree.size() + 2 + 10);
   converse(Via::Pipe, {"-automate", "-special", "remove"}, "",
            "[remove]\nExecuting[@dots]\n Success @files files done.\n");
@@ -181,7 +183,7 @@ Mail address of its keeper [me@b.org]? {}
 In ../hall there will be the board "Bob's $HOME", with me@b.org as its keeper.
 Is that right [y]? {}
 @review{}
-Copying files[...................]
+Copying files[....................]
 Success @bytes bytes in 37 files copied
 
 Once "Bob's $HOME" is in ../hall:

@@ -31,7 +31,7 @@ TEST(Manual, ExampleProductRuns) {
     const std::string console = run(arguments, {}, Via::Pipe, {.name = "./notes"}).console;
     EXPECT_NE(console.find(text), std::string::npos) << console;
   };
-  expect({"-automate"}, "[Install]\nCopying files[.......]\nSuccess 42 bytes in 23 files ");
+  expect({"-automate"}, "[Install]\nCopying files[........]\nSuccess 42 bytes in 23 files ");
   Tree installed = read_tree("out");
   EXPECT_NE(installed["etc/notes.conf"].find("\nPort=8080\n"), std::string::npos);
   EXPECT_TRUE(installed.contains("bin/notesd"));

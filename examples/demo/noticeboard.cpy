@@ -3,10 +3,11 @@
 Exist           $(source)/board/html/welcome.$(language).html   language_known
 Error           language_known There are no pages in the language "$(language)". Choose en or de.
 
-# Each command can be done again over what a run that was cut short has left. The file "version" is
-# there from the first to the last: it says that the directory is a board's.
+# Each command can be done again over what a run that was cut short has left. The directory
+# ".noticeboard" is there from the first to the last: it says that what it lies in is a board's. It is
+# there or not, while a file is first written beside its place.
 MkDir           $(dir)
-WFile           $(dir)/version          version
+MkDir           $(dir)/.noticeboard
 CopyDir         $(source)/board/*       *.draft $(dir)
 Rename          $(dir)/html/welcome.$(language).html    $(dir)/html/index.html
 RmFile          $(dir)/html/welcome.*   -
@@ -55,7 +56,7 @@ WFile           $(dir)/conf/$(backup).conf      settings        keep_backup
 Ini             $(source)/conf/board.conf.in    $(dir)/conf/board.conf.new
 
 # All else is copied as in an install, but for the samples: those may have been taken down.
-WFile           $(dir)/version          version
+MkDir           $(dir)/.noticeboard
 CopyDir         $(source)/board/*       *.draft $(dir)
 Rename          $(dir)/html/welcome.$(language).html    $(dir)/html/index.html
 RmFile          $(dir)/html/welcome.*   -
@@ -72,12 +73,12 @@ Rename          $(dir)/conf/installing  $(dir)/conf/installed
 # installed, as that file cannot be removed, stays whole.
 RmFile          $(dir)/conf/installed   -
 Exist           $(dir)/conf/installed   left
-RmDir           $(dir)/*                version,notices left    false
+RmDir           $(dir)/*                .noticeboard,notices left false
 Exist           $(dir)/conf/installed   keep_notices    keep_notices    false
 RmDir           $(dir)/notices          -               keep_notices    false
 # What the init script has written beside this file.
 RmFile          $(current_dir)/last_start       -
-# The file "version" goes with the directory, once nothing else of the board is there: where
+# ".noticeboard" goes with the directory, once nothing else of the board is there: where
 # something stays, kept or not to be removed, it can be removed and installed again.
 Exist           $(dir)/cgi      left    left    false
 Exist           $(dir)/conf     left    left    false

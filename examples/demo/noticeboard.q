@@ -6,7 +6,7 @@ Dir             dir             - -             dir     Directory for the board 
 # of an install that was cut short; any other must be empty, for a removal would take all of it.
 Exist           $(dir)                  in_use
 Loop            in_use          7
-Exist           $(dir)/version          begun
+Exist           $(dir)/.noticeboard     begun
 DirEmpty        dir             begun false     empty   That directory is there already. Unless it is empty, name another one
 Text            language        - -             lang    Language of the pages, en or de
 Text            page_size       - -             size    Notices on a page
@@ -33,7 +33,7 @@ FileName        backup          keep_backup -   backup  Name of the copy
 
 [remove]
 DirExist        dir             - -             dir     Directory of the board
-Exist           $(dir)/version          begun
+Exist           $(dir)/.noticeboard     begun
 Error           begun           none    There is no board in that directory, so nothing was removed.
 YN              keep_notices    - -             keep    Keep the notices
 YN              sure            - -             sure    Remove the board from $(dir) now

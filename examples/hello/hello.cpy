@@ -2,9 +2,9 @@
 # fails. See installer-cpy(5).
 
 [install]
-# Says whose directory it is: [remove] takes no other one away.
+# Says whose directory it is: [remove] takes no other one away. A directory is never half there.
 MkDir       $(dir)
-WFile       $(dir)/product              product
+MkDir       $(dir)/.hello
 # An answer that an upgrade must know is kept in a file of its own. The program that needs it reads
 # that file: written into a program, an answer would be code.
 MkDir       $(dir)/conf
@@ -21,7 +21,7 @@ Rename      $(dir)/conf/installing      $(dir)/conf/installed
 [upgrade]
 # All that [install] does, for a version that was installed may lack any of it.
 MkDir       $(dir)
-WFile       $(dir)/product              product
+MkDir       $(dir)/.hello
 MkDir       $(dir)/conf
 RFile       $(dir)/conf/name            name
 CopyDir     files/bin                   -           $(dir)
@@ -32,12 +32,12 @@ WFile       $(dir)/conf/installing      version
 Rename      $(dir)/conf/installing      $(dir)/conf/installed
 
 [remove]
-Exist       $(dir)/product              ours
+Exist       $(dir)/.hello               ours
 # Without this file it is no whole one: whatever happens below, it can be removed or installed again.
 RmFile      $(dir)/conf/installed       -           ours
 Exist       $(dir)/conf/installed       left        ours
-RmDir       $(dir)/*                    product     left        false
-# The file that says whose directory it is goes with it, once nothing else of ours is there.
+RmDir       $(dir)/*                    .hello      left        false
+# What says whose directory it is goes with it, once nothing else of ours is there.
 Exist       $(dir)/bin                  left        left        false
 Exist       $(dir)/conf                 left        left        false
 Exist       $(dir)/doc                  left        left        false
