@@ -25,10 +25,20 @@ constexpr OwnSetting own[] = {
     {ActionSetting, Ini_None, Differs::Never,       read_action     },
 };
 
-void add_own_settings() {
+/// Paths that begin with a setting that is not known lead elsewhere. A remark: only a strict run
+/// ends for it.
+Fault unknown_setting(const char *file, const char *name, const Cause &cause) {
+  const std::string what = "cannot be found out";
+  Fault fault{Severity::Remark, FaultKind::Failed, file, 0, name + (" " + what), name};
+  fault.failure = {what, {}, cause};
+  return fault;
+}
+
+void add_own_settings(const char *file, const Faults &faults) {
   char value[LineSize] = "";
   for (const OwnSetting &setting : own) {
     setting.read(value, sizeof value);
+    if (*value == '\0') faults(unknown_setting(file, setting.name, last_cause()));
     imsg("%s=%s", setting.name, value);
     _settings.push_back({setting.name, value, setting.mode});
   }
@@ -47,7 +57,7 @@ int load_datfile(Ini ini, const char *file, const Faults &faults) {
     return 0;
   }
   clear_datfile();
-  add_own_settings();
+  add_own_settings(file, faults);
   read_datfile(lines, _settings);
   if (lines.failed()) {
     faults(lines.unreadable("Error reading"));

@@ -33,8 +33,8 @@ inline constexpr const char *ActionSetting = "action";
 
 /// Fills the empty store `ini` from `file` and resolves the references between its values. The
 /// installer's own four come first, so a line of the file that names one of them is never seen.
-/// `faults` takes what is wrong. 1; 0 for a null argument, or when the file cannot be read, with
-/// `ini` untouched.
+/// `faults` takes what is wrong, which an own setting without a value is too. 1; 0 for a null
+/// argument, or when the file cannot be read, with `ini` untouched.
 [[nodiscard]] int load_datfile(Ini ini, const char *file, const Faults &faults = log_fault);
 /// Appends a record for each of the lines to come; needs nothing of the machine.
 void read_datfile(Lines &lines, std::vector<SettingList> &settings);
