@@ -5,8 +5,8 @@
 // find a way to the machine's files through one. The first process of that name space ends with
 // this process, however that ends, and takes all others with it; so no run outlives the preview.
 //
-// The command is in a session of its own, so that nothing that it does to sessions, groups and
-// their terminal concerns the caller's. Signals go on to it, and when it stops this process stops
+// The command leads process groups of its own, with a terminal of theirs, so that nothing that it
+// does to those concerns the caller's. Signals go on to it, and when it stops this process stops
 // as well.
 
 #include "preview/streams.h"

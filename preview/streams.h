@@ -53,7 +53,8 @@ struct Streams {
 /// with errno set.
 [[nodiscard]] bool streams_connect(Streams &streams, int terminals);
 /// In the command's view: makes the descriptors 0 to 2 what `command` says, `kept` the descriptor
-/// 3, and closes all others; begins a session, which the terminal controls. False with errno set.
+/// 3, and closes all others; the terminal then controls this process and what it starts. False with
+/// errno set.
 [[nodiscard]] bool streams_take(const Streams &streams, int kept);
 /// Relays until `events` can be read.
 void streams_relay(Streams &streams, int events);

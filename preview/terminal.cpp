@@ -38,7 +38,7 @@ bool start_guard(Terminal &x) {
   return x.guard > 0;
 }
 
-/// A terminal that controls no session of ours has no foreground.
+/// A terminal that does not control this process has no foreground.
 bool in_foreground(int terminal) {
   const ::pid_t group = ::tcgetpgrp(terminal);
   return group < 0 ? errno == ENOTTY : group == ::getpgrp();
