@@ -93,7 +93,7 @@ leave() {
     ulimit -c 0 2>/dev/null
     trap - "$signal"
     kill -s "$signal" $$
-    [ "$signal" != QUIT ] || status=131 # bash cannot be ended by this one
+    [ "$signal" != QUIT ] || status=131 # not every shell can be ended by this one
   fi
   exit "$status"
 }
