@@ -1,11 +1,13 @@
 #include "installer/answers.h"
 
 #include "installer/lines.h"
+#include "installer/links.h"
 #include "installer/quest.h"
 
 #include <cctype>
 #include <cstring>
 #include <set>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -85,19 +87,11 @@ std::string record_text(const Answers &answers, const std::string &title) {
   return text;
 }
 
-/// The name beside the file under which a new one is made.
-std::string name_beside(const std::string &file) {
-  const char *separator = std::strrchr(file.c_str(), '/');
-  const std::size_t start =
-      separator != nullptr ? static_cast<std::size_t>(separator + 1 - file.c_str()) : 0;
-  return file.substr(0, start) + "." + file.substr(start) + ".installer-new";
-}
-
 /// True when all of the text has reached the system.
-bool write_new(const std::string &name, const std::string &text) {
-  ::unlink(name.c_str());
-  Descriptor fd = open_file(AT_FDCWD, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, Allow::Plain,
-                            RecordPermissions);
+bool write_new(int dir, const std::string &name, const std::string &text) {
+  ::unlinkat(dir, name.c_str(), 0);
+  Descriptor fd =
+      open_file(dir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, Allow::Plain, RecordPermissions);
   if (!fd || ::fchmod(fd.get(), RecordPermissions) != 0) return false;
   Stream out{::fdopen(fd.get(), "w")};
   if (!out) return false;
@@ -110,8 +104,10 @@ bool write_new(const std::string &name, const std::string &text) {
 
 Text answers_load(Answers &answers, const char *file, const Faults &faults) {
   const bool standard_input = std::strcmp(file, "-") == 0;
-  Lines lines = standard_input ? Lines{read_input(), "standard input", {}, AnswerLines}
-                               : Lines{file, {}, AnswerLines};
+  Cause cause;
+  Stream in = standard_input ? read_input() : open_text(file, cause);
+  if (cause) return cause_text(cause);
+  Lines lines{std::move(in), standard_input ? "standard input" : file, {}, AnswerLines};
   std::size_t told = 0; // a line that is too long comes in pieces
   for (char *line : lines) {
     const bool whole = !lines.cut() && !lines.continued();
@@ -145,13 +141,19 @@ void set_answer(Answers &answers, const Answer &answer) {
 }
 
 Cause answers_write(const Answers &answers, const char *file, const std::string &title) {
+  const Spot place = find_place(AT_FDCWD, file);
+  if (place.cause) return place.cause;
+  const int dir = place.at();
+  const char *name = place.name.c_str();
   struct ::stat info = {};
-  if (::lstat(file, &info) == 0 && !S_ISREG(info.st_mode)) return NotRegular;
-  const std::string beside = name_beside(file);
-  if (write_new(beside, record_text(answers, title)) && ::rename(beside.c_str(), file) == 0)
+  if (::fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(info.st_mode))
+    return NotRegular;
+  const std::string beside = "." + place.name + ".installer-new";
+  if (write_new(dir, beside, record_text(answers, title)) &&
+      ::renameat(dir, beside.c_str(), dir, name) == 0)
     return {};
   const Cause cause = last_cause();
-  ::unlink(beside.c_str());
+  ::unlinkat(dir, beside.c_str(), 0);
   return cause;
 }
 

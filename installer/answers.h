@@ -42,7 +42,8 @@ void answers_check(const Answers &answers, const char *file, const char *questio
 void set_answer(Answers &answers, const Answer &answer);
 /// Writes the answers to `file`, after the comment `title`, in the form that answers_load reads;
 /// one that a line cannot hold is named in a comment. An old file, which must be a regular one, is
-/// replaced as a whole; the new one has mode 0600. No cause: written.
+/// replaced as a whole; the new one has mode 0600. Links to its directory must be trusted. No
+/// cause: written.
 [[nodiscard]] Cause answers_write(const Answers &answers, const char *file,
                                   const std::string &title);
 

@@ -1,3 +1,4 @@
+#include "installer/answers.h"
 #include "installer/copy.h"
 #include "installer/file.h"
 #include "installer/init.h"
@@ -199,6 +200,9 @@ TEST_F(LinksTest, PlantedLinksLeadNowhere) {
   char answer[] = "tree/cur";
   EXPECT_EQ(quest_answer(questions.get(), 0, answer), 0);
   const Tree before = read_tree("../safe");
+  EXPECT_EQ(answers_write({}, "tree/cur/f", "answers").number, ELOOP);
+  Answers answers;
+  EXPECT_TRUE(answers_load(answers, "tree/file", [](const Fault &) {}));
   for (const char *command : {"Chmod tree/f* - 777",
                               "Chown tree/f* - nobody",
                               "Chmod tree/cur - 777",
