@@ -56,7 +56,7 @@ const TreeNode *Tree::find(std::string_view path) const {
 }
 
 TreeNode &Tree::put(const std::string &path, TreeNode node) {
-  spend();
+  static_cast<void>(spend());
   std::string_view parent = parent_of(path);
   for (; parent.size() > 1 && find(parent) == nullptr && spend(); parent = parent_of(parent))
     nodes_[std::string{parent}] = {.directory = true, .command = node.command};

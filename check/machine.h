@@ -59,7 +59,7 @@ public:
   [[nodiscard]] TreeNodes &nodes() { return nodes_; }
 
 private:
-  bool spend() const;
+  [[nodiscard]] bool spend() const;
 
   TreeNodes nodes_;
   std::size_t *left_;

@@ -18,10 +18,10 @@ constexpr const char *UntaggedSpecial = "special";
 
 using enum ActionKind;
 constexpr Action table[] = {
-    {Install, "Install", "install", "Copying files[",  "copied",  true,  1, false},
-    {Upgrade, "Upgrade", "upgrade", "Copying files[",  "copied",  true,  1, true },
-    {Remove,  "Remove",  "remove",  "Removing files[", "removed", false, 0, false},
-    {Special, nullptr,   nullptr,   "Executing[",      "done.",   false, 0, false},
+    {Install, "Install", "install", "Copying files[",  "copied",  1, true,  false},
+    {Upgrade, "Upgrade", "upgrade", "Copying files[",  "copied",  1, true,  true },
+    {Remove,  "Remove",  "remove",  "Removing files[", "removed", 0, false, false},
+    {Special, nullptr,   nullptr,   "Executing[",      "done.",   0, false, false},
 };
 
 const Action &action_of(ActionKind kind) {

@@ -22,8 +22,8 @@ struct Action {
   const char *section;
   const char *opener;
   const char *done;
-  bool counts_bytes;
   int stop_on_fail;
+  bool counts_bytes;
   bool expand_error;
 };
 

@@ -151,7 +151,7 @@ TEST_F(Preview, TellsEachChange) {
 
 TEST_F(Preview, TellsRightsOfAttributes) {
   // Rights to bind low ports; and user 1 may write.
-  using namespace std::string_literals;
+  using std::literals::operator""s;
   const std::string capability = "\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0"s;
   const std::string any = "\377\377\377\377", head = "\2\0\0\0\1\0\6\0"s;
   const std::string list =
